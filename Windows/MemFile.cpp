@@ -1,0 +1,190 @@
+#include <Windows/MemFile.h>
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace {
+
+constexpr int kStackTextSize = 16384;
+
+// Hands the formatted text and its length to sink. A text that vsnprintf cannot make has none.
+template <typename Sink> void PrintTo(Sink sink, const char* format, va_list args) {
+    va_list again;
+    va_copy(again, args);
+    char text[kStackTextSize];
+    const int length = vsnprintf(text, sizeof text, format, args);
+    if (length >= kStackTextSize) {
+        // Not checked, like every allocation of a memory file.
+        const size_t size = static_cast<size_t>(length) + 100;
+        auto* longText = static_cast<char*>(malloc(size));
+        sink(longText, vsnprintf(longText, size, format, again));
+        free(longText);
+    } else if (length >= 0) {
+        sink(text, length);
+    }
+    va_end(again);
+}
+
+const char* EntityFor(char c) {
+    switch (c) {
+    case '<':
+        return "&lt;";
+    case '>':
+        return "&gt;";
+    case '&':
+        return "&amp;";
+    case '\'':
+        return "&apos;";
+    default:
+        return "&quot;";
+    }
+}
+
+} // namespace
+
+CMemFile::CMemFile(unsigned int growBytes)
+    : m_nOpen(1), m_uiGrowBytes(growBytes), m_uiBufferSize(0), m_uiFileLength(0), m_uiPosition(0),
+      m_pBuffer(nullptr) {}
+
+CMemFile::CMemFile(unsigned char* buffer, unsigned int size, unsigned int growBytes) : CMemFile(growBytes) {
+    Attach(buffer, size, growBytes);
+}
+
+CMemFile::~CMemFile() { free(m_pBuffer); }
+
+void CMemFile::Attach(unsigned char* buffer, unsigned int size, unsigned int growBytes) {
+    m_pBuffer = buffer;
+    m_uiBufferSize = size;
+    m_uiGrowBytes = growBytes;
+    m_nOpen = 1;
+}
+
+unsigned char* CMemFile::Detach() {
+    unsigned char* buffer = m_pBuffer;
+    m_pBuffer = nullptr;
+    m_uiBufferSize = 0;
+    m_nOpen = 0;
+    return buffer;
+}
+
+void CMemFile::Grow(unsigned int newSize) {
+    if (m_uiBufferSize >= newSize)
+        return;
+    m_pBuffer = static_cast<unsigned char*>(realloc(m_pBuffer, newSize));
+    m_uiBufferSize = newSize;
+}
+
+long CMemFile::Seek(long offset, unsigned int origin) {
+    switch (origin) {
+    case begin:
+        m_uiPosition = static_cast<unsigned int>(offset);
+        break;
+    case current:
+        m_uiPosition += static_cast<unsigned int>(offset);
+        break;
+    case end:
+        m_uiPosition = m_uiFileLength + static_cast<unsigned int>(offset);
+        break;
+    default:
+        break;
+    }
+    Grow(m_uiPosition);
+    return static_cast<int>(m_uiPosition);
+}
+
+unsigned int CMemFile::Read(void* dest, unsigned int count) {
+    // Unsigned throughout, and no check that the position lies within the length: callers see to that.
+    unsigned int readEnd = m_uiPosition + count;
+    if (readEnd > m_uiBufferSize) {
+        count = m_uiBufferSize - m_uiPosition;
+        readEnd = m_uiBufferSize;
+    }
+    if (m_uiFileLength < readEnd)
+        count = m_uiFileLength - m_uiPosition;
+    if (count > 0)
+        memcpy(dest, m_pBuffer + m_uiPosition, count);
+    m_uiPosition += count;
+    return count;
+}
+
+void CMemFile::Write(const void* data, unsigned int count) {
+    const unsigned int writeEnd = m_uiPosition + count;
+    if (writeEnd > m_uiBufferSize) {
+        if (m_uiGrowBytes != 0)
+            Grow(StepsUpTo(writeEnd));
+        else if (m_uiPosition >= m_uiBufferSize)
+            return;
+        else
+            count = m_uiBufferSize - m_uiPosition;
+    }
+    if (count > 0)
+        memcpy(m_pBuffer + m_uiPosition, data, count);
+    m_uiPosition += count;
+    if (m_uiPosition > m_uiFileLength)
+        m_uiFileLength = m_uiPosition;
+}
+
+// The buffer size plus as many whole steps as hold required bytes; required itself where that exceeds 32
+// bits.
+unsigned int CMemFile::StepsUpTo(unsigned int required) const {
+    const unsigned int missing = required - m_uiBufferSize;
+    const unsigned int steps = missing / m_uiGrowBytes + (missing % m_uiGrowBytes != 0 ? 1 : 0);
+    const unsigned long long size = m_uiBufferSize + static_cast<unsigned long long>(steps) * m_uiGrowBytes;
+    return size > 0xFFFFFFFFULL ? required : static_cast<unsigned int>(size);
+}
+
+unsigned char* CMemFile::GetAsStr() {
+    if (m_uiFileLength != 0 && m_pBuffer[m_uiFileLength - 1] == 0)
+        return m_pBuffer;
+    Write("", 1);
+    // Also when a full fixed buffer has dropped the byte.
+    --m_uiPosition;
+    --m_uiFileLength;
+    return m_pBuffer;
+}
+
+void CMemFile::WriteF(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    PrintTo([this](const char* text, int length) { Write(text, static_cast<unsigned int>(length)); }, format,
+            args);
+    va_end(args);
+}
+
+void CMemFile::WriteStrEntities(const char* text) {
+    for (;;) {
+        const size_t run = strcspn(text, "<>&'\"");
+        if (run > 0)
+            Write(text, static_cast<unsigned int>(run));
+        text += run;
+        if (*text == '\0')
+            return;
+        const char* entity = EntityFor(*text++);
+        Write(entity, static_cast<unsigned int>(strlen(entity)));
+    }
+}
+
+void CMemFile::WriteEntitiesF(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    PrintTo([this](const char* text, int) { WriteStrEntities(text); }, format, args);
+    va_end(args);
+}
+
+void CMemFile::Dump(const char* path) {
+    FILE* file = fopen(path, "w");
+    if (!file)
+        return;
+    fprintf(file, "Open: %d\n", m_nOpen);
+    fprintf(file, "GrowBytes: %u\n", m_uiGrowBytes);
+    fprintf(file, "Buffer Size: %u\n", m_uiBufferSize);
+    fprintf(file, "File Length: %lu\n", static_cast<unsigned long>(m_uiFileLength));
+    fprintf(file, "Cur Pos: %lu", static_cast<unsigned long>(m_uiPosition)); // no newline: readers know it so
+    fputs("Buffer:\n\n^^^", file);
+    for (unsigned int i = 0; i < m_uiFileLength; ++i)
+        fputc(m_pBuffer[i], file);
+    fputs("^^^", file);
+    fclose(file);
+}

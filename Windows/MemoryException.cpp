@@ -1,0 +1,5 @@
+#include <Windows/MemoryException.h>
+
+CMemoryException g_oMemoryException;
+
+void ThrowMemoryException() { throw &g_oMemoryException; }

@@ -1,0 +1,3 @@
+#include <Windows/Stream.h>
+
+void STREAM::Release() {}

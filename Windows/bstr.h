@@ -1,0 +1,107 @@
+// BSTR: NUL-terminated 8-bit text that carries its length in a hidden header, and its owner _bstr_t.
+//
+// One malloc block: a signature (0xCDEADBEE, 0 once freed), the length in bytes, both 32 bits in native
+// order, then the text and a NUL. A BSTR is the address of the text, so it serves as a C string.
+//
+// Every function tells a BSTR from another pointer by the word 8 bytes in front of it. So a pointer that is
+// neither NULL nor a BSTR has its 8 preceding bytes read.
+//
+// Thread safety: the functions may be called from any thread; each holds one process-wide recursive lock
+// throughout (NULL takes no lock where it has no length and no signature). A _bstr_t belongs to one thread at
+// a time. Lifetime: a BSTR belongs to whoever received it, until it is passed to SysFreeString.
+#ifndef WINDOWS_BSTR_H
+#define WINDOWS_BSTR_H
+
+#include <stdarg.h>
+
+#include <string>
+
+#include <Windows/XString.h>
+#include <Windows/types.h>
+
+// Exported; nothing in the library uses them.
+extern long g_lBSTRID;
+extern bool l_bBSTRDebugMode;
+
+// A new BSTR with a copy of the text up to its first NUL; the caller frees it. NULL for NULL and when out of
+// memory.
+BSTR SysAllocString(const char* text);
+BSTR SysAllocString(const std::string& text);
+
+// A new BSTR of length bytes that begins with the text up to its first NUL or to length. The bytes between
+// the text and the final NUL are undefined; with NULL as text the first is NUL. NULL when out of memory.
+BSTR SysAllocStringLen(const char* text, unsigned long length);
+
+// Frees a BSTR and sets the variable to NULL. NULL does nothing. Anything that is not a BSTR, a freed one
+// included as long as its memory is not in use again, stays as it is and is logged.
+void SysFreeString(BSTR& bstr);
+
+// The stored length in bytes, whatever NULs the text holds; 0 for NULL and for what is not a BSTR. Both are
+// the same, as a character is a byte.
+unsigned int SysStringLen(BSTR bstr);
+unsigned int SysStringByteLen(BSTR bstr);
+
+// Whether p is a BSTR. NULL counts as one unless nullIsInvalid.
+bool IsBSTR(char* p, bool nullIsInvalid);
+
+// A new BSTR of the formatted arguments; the caller frees it. NULL when out of memory. The format must not be
+// NULL. Up to an estimate (CalcMaxFormattedStringLen) of 16,383 the text is cut at 16,383 bytes, above it at
+// the estimate. Aborts on a negative width or precision.
+BSTR BSTRFormatV(const char* format, va_list args) WINDOWS_PRINTF_FORMAT(1, 0);
+BSTR FormatBSTR(const char* format, ...) WINDOWS_PRINTF_FORMAT(1, 2);
+
+// Stores the flag, which nothing reads.
+void SetBSTRDebugMode(bool on);
+
+// Always 0: live blocks are not counted.
+long GetNumBSTRsAllocated();
+
+// Owns one BSTR, or NULL. Copies are deep, of the text up to its first NUL.
+//
+// There is no assignment from a const _bstr_t&: such an assignment goes through the text, and from itself it
+// reads what it has just freed. Allocation failures leave NULL.
+class _bstr_t {
+public:
+    _bstr_t();
+    _bstr_t(const char* s);
+    _bstr_t(const _bstr_t& other);
+
+    // With copy false takes s, unchecked, as its own.
+    _bstr_t(char* s, bool copy);
+
+    _bstr_t(XString& s);
+
+    virtual ~_bstr_t();
+
+    // The BSTR itself, still owned by this object; NULL when empty.
+    char* getData();
+    operator char*();
+    operator const char*() const;
+
+    operator XString();
+
+    // The stored length in bytes.
+    int length();
+
+    // Copies s, which must not be this object's own text: it is freed first.
+    _bstr_t& operator=(const char* s);
+    _bstr_t& operator=(_bstr_t& other);
+
+    // Copies the text of s and leaves the buffer of s locked: until s.ReleaseBuffer() a second assignment
+    // from it gives an empty _bstr_t. May throw &g_oMemoryException.
+    _bstr_t& operator=(XString& s);
+
+    // Appends behind the stored length. NULL and empty texts change nothing but the block.
+    _bstr_t& operator+=(const char* s);
+    _bstr_t& operator+=(_bstr_t& other);
+
+    // Takes s, a BSTR or NULL, as its own and returns true; false, and nothing changes, if s is neither.
+    bool Attach(char* s);
+
+private:
+    void Free();
+
+    BSTR m_bstr;
+};
+
+#endif

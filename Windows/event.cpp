@@ -1,0 +1,91 @@
+#include <Windows/event.h>
+
+#include <errno.h>
+
+#include <host/Time.h>
+
+static_assert(ETIMEDOUT == 110, "callers know the time-out by its number");
+
+namespace {
+
+// Holds the event's lock, also when a wait is cancelled: the event may outlive the thread.
+class EventLock {
+public:
+    explicit EventLock(pthread_mutex_t& mutex) : m_mutex(&mutex) { pthread_mutex_lock(m_mutex); }
+    ~EventLock() {
+        if (m_mutex)
+            pthread_mutex_unlock(m_mutex);
+    }
+
+    EventLock(const EventLock&) = delete;
+    EventLock& operator=(const EventLock&) = delete;
+
+    pthread_mutex_t* HandOver() {
+        pthread_mutex_t* mutex = m_mutex;
+        m_mutex = nullptr;
+        return mutex;
+    }
+
+private:
+    pthread_mutex_t* m_mutex;
+};
+
+} // namespace
+
+CEvent::CEvent(bool bManualReset, bool bInitialState)
+    : m_bSignalled(bInitialState), m_bManualReset(bManualReset) {
+    pthread_cond_init(&m_cond, nullptr);
+    pthread_mutex_init(&m_mutex, nullptr);
+}
+
+CEvent::~CEvent() {
+    pthread_cond_destroy(&m_cond);
+    pthread_mutex_destroy(&m_mutex);
+}
+
+int CEvent::SetEvent() {
+    const EventLock lock(m_mutex);
+    if (m_bSignalled)
+        return 1;
+    m_bSignalled = true;
+    if (m_bManualReset) {
+        pthread_cond_broadcast(&m_cond);
+    } else {
+        pthread_cond_signal(&m_cond);
+        // At once, and before the thread that was woken can look: an auto-reset event is never left
+        // signalled.
+        m_bSignalled = m_bManualReset;
+    }
+    return 1;
+}
+
+int CEvent::ResetEvent() {
+    const EventLock lock(m_mutex);
+    m_bSignalled = false;
+    return 1;
+}
+
+int CEvent::WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLocked) {
+    EventLock lock(m_mutex);
+    if (ppLocked)
+        *ppLocked = nullptr;
+
+    const auto timeout = static_cast<unsigned int>(timeoutMs);
+    int result = 0;
+    if (timeout == INFINITE) {
+        while (!m_bSignalled)
+            pthread_cond_wait(&m_cond, &m_mutex);
+    } else if (timeout == 0) {
+        result = m_bSignalled ? 0 : ETIMEDOUT;
+    } else {
+        CTimeSpecHelper deadline(true);
+        deadline.AddMilliSeconds(timeout);
+        // An error other than the time-out waits again and is the result if the event is set meanwhile.
+        while (!m_bSignalled && result != ETIMEDOUT)
+            result = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
+    }
+
+    if (ppLocked && result != ETIMEDOUT)
+        *ppLocked = lock.HandOver();
+    return result;
+}
