@@ -16,6 +16,7 @@
 #include <Windows/bstr.h>
 #include <Windows/internal/Cancellation.h>
 #include <Windows/internal/DescriptorSet.h>
+#include <Windows/internal/ThreadLife.h>
 
 namespace {
 
@@ -73,6 +74,7 @@ template <typename... Address> void CClient::Connect(const Address&... address) 
 CClient::~CClient() {
     const windows::NoCancellation noCancellation;
     CLogger::PostLogEvent(LogTypeLife, LogSeverityInformation, "CClient::~CClient() called!", nullptr);
+    windows::ThreadLife::Claim(*this); // the thread uses the members that go now
 }
 
 bool CClient::SendToServer(char* text) { return m_bConnectedToServer && m_clientSocket.Send(text); }
@@ -86,6 +88,7 @@ void CClient::AddHandler() {
 }
 
 void CClient::Main() {
+    windows::ObjectUse use(*this);
     // Read once: the socket may close itself on an error, and its number stays in the set and in the log.
     const int socketDesc = m_clientSocket.GetDescriptor();
     const int pipeDesc = m_readDesc;
@@ -98,15 +101,15 @@ void CClient::Main() {
 
     for (;;) {
         if (!HasActivity(socketDesc, pipeDesc)) {
-            const int count = WaitForActivity(socketDesc, highest, watched);
+            const int count = WaitForActivity(socketDesc, highest, watched, use);
             if (count == -1)
                 return;
             if (count == 0)
                 continue;
         }
         if (m_bConnectedToServer)
-            ServeSocket(socketDesc, watched, serverClosed);
-        ServeQueue(socketDesc);
+            ServeSocket(socketDesc, watched, serverClosed, use);
+        ServeQueue(socketDesc, use);
     }
 }
 
@@ -124,7 +127,8 @@ bool CClient::HasActivity(int socketDesc, int pipeDesc) {
 }
 
 // What select returned. What is ready is asked of socket and pipe themselves afterwards.
-int CClient::WaitForActivity(int socketDesc, int highest, const windows::DescriptorSet& watched) {
+int CClient::WaitForActivity(int socketDesc, int highest, const windows::DescriptorSet& watched,
+                             windows::ObjectUse& use) {
     CLogger::PostLogEventF(
         LogTypeTraffic, LogSeverityTrace,
         "CClient::Main() fd %d: No data on socket or pipe so calling select with a %ld second timeout",
@@ -133,12 +137,14 @@ int CClient::WaitForActivity(int socketDesc, int highest, const windows::Descrip
     timeout.AddSeconds(kTimeoutSeconds);
     int count = 0;
     int error = 0;
+    use.Pause();
     do {
         windows::DescriptorSet ready;
         ready = watched;
         count = ready.Select(highest + 1, &timeout);
         error = errno;
     } while (count == -1 && error == EINTR);
+    use.Resume();
     if (count == -1) {
         CLogger::PostLogEventF(
             LogTypeGeneral, LogSeverityFailure,
@@ -153,11 +159,15 @@ int CClient::WaitForActivity(int socketDesc, int highest, const windows::Descrip
     return count;
 }
 
-void CClient::ServeSocket(int socketDesc, windows::DescriptorSet& watched, bool& serverClosed) {
+void CClient::ServeSocket(int socketDesc, windows::DescriptorSet& watched, bool& serverClosed,
+                          windows::ObjectUse& use) {
     if (!serverClosed && m_clientSocket.IsDataAvailable(serverClosed)) {
         LogTraffic("CClient::Main() fd %d: Data has arrived from the server signalling serverHandler",
                    socketDesc);
-        serverClosed = !m_pCmdTarget.ServerActivity();
+        CCmdTarget& target = m_pCmdTarget;
+        use.Pause();
+        serverClosed = !target.ServerActivity();
+        use.Resume();
     }
     if (serverClosed) { // said again on each later pass
         watched.Remove(socketDesc);
@@ -169,10 +179,13 @@ void CClient::ServeSocket(int socketDesc, windows::DescriptorSet& watched, bool&
     }
 }
 
-void CClient::ServeQueue(int socketDesc) {
+void CClient::ServeQueue(int socketDesc, windows::ObjectUse& use) {
     MSG message;
     if (!::PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE))
         return;
     LogTraffic("CClient::Main() fd %d: Message on thread's pipe.", socketDesc);
-    m_pCmdTarget.RouteMessage(&message, false);
+    CCmdTarget& target = m_pCmdTarget;
+    use.Pause();
+    target.RouteMessage(&message, false);
+    use.Resume();
 }

@@ -68,9 +68,11 @@ protected:
 private:
     template <typename... Address> void Connect(const Address&... address);
     bool HasActivity(int socketDesc, int pipeDesc);
-    int WaitForActivity(int socketDesc, int highest, const windows::DescriptorSet& watched);
-    void ServeSocket(int socketDesc, windows::DescriptorSet& watched, bool& serverClosed);
-    void ServeQueue(int socketDesc);
+    int WaitForActivity(int socketDesc, int highest, const windows::DescriptorSet& watched,
+                        windows::ObjectUse& use);
+    void ServeSocket(int socketDesc, windows::DescriptorSet& watched, bool& serverClosed,
+                     windows::ObjectUse& use);
+    void ServeQueue(int socketDesc, windows::ObjectUse& use);
 };
 
 #endif

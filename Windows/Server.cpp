@@ -13,6 +13,7 @@
 #include <Windows/internal/Cancellation.h>
 #include <Windows/internal/DescriptorSet.h>
 #include <Windows/internal/Relaxed.h>
+#include <Windows/internal/ThreadLife.h>
 
 // What a constructor says. The two name themselves differently, misspelling included; logs are searched for
 // it.
@@ -29,6 +30,7 @@ struct CServer::Watch {
     windows::DescriptorSet all;
     windows::DescriptorSet ready;
     int highest;
+    windows::ObjectUse& use;
 };
 
 namespace {
@@ -71,33 +73,36 @@ void CServer::Start(int port, const Texts& texts) {
 CServer::~CServer() {
     const windows::NoCancellation noCancellation;
     LogLife("CServer::~CServer() called!");
+    windows::ThreadLife::Claim(*this); // the thread uses the members that go now
 }
 
 void CServer::AddHandler() { LogLife("CServer::AddHandler() called!"); }
 
 void CServer::Main() {
+    windows::ObjectUse use(*this);
     CLogger::PostLogEvent(LogTypeGeneral, LogSeverityInformation,
                           "CServer::Main (thread is now active so we are truly listening!!)", nullptr);
     windows::RelaxedStore(m_bListening, true);
 
     const int listenDesc = m_serverSocket.GetDescriptor();
     const int pipeDesc = m_readDesc;
-    Watch watch;
+    // The highest leaves out the pipe: it is older than the socket, and its number lower unless one was given
+    // back between.
+    Watch watch{{}, {}, listenDesc, use};
     watch.all.Add(listenDesc);
     watch.all.Add(pipeDesc);
-    // The pipe does not count: it is older than the socket, and its number lower unless one was given back
-    // between.
-    watch.highest = listenDesc;
     m_listeningEvent.SetEvent();
 
     for (;;) {
         int count = 0;
         int error = 0;
+        use.Pause();
         do {
             watch.ready = watch.all;
             count = watch.ready.Select(watch.highest + 1, nullptr);
             error = errno;
         } while (count == -1 && error == EINTR);
+        use.Resume();
         if (count == -1) {
             XString text;
             text.Format("CServer::Main() : Select returned with error %d ", error);
@@ -116,7 +121,7 @@ void CServer::Main() {
         // Above the highest descriptor the set says nothing: the system has not looked there.
         if (pipeDesc <= watch.highest && watch.ready.Contains(pipeDesc)) {
             watch.ready.Remove(pipeDesc);
-            ServeQueue();
+            ServeQueue(watch);
         }
         ReportClients(watch);
     }
@@ -137,20 +142,30 @@ void CServer::AcceptClient(Watch& watch) {
     LogTrace("CServer::Main() : Client connection established.");
     watch.all.Add(client->GetDescriptor());
     watch.highest = std::max(watch.highest, client->GetDescriptor());
-    m_pCmdTarget.ClientConnection(client);
+    CCmdTarget& target = m_pCmdTarget;
+    watch.use.Pause();
+    target.ClientConnection(client);
+    watch.use.Resume();
 }
 
-void CServer::ServeQueue() {
+void CServer::ServeQueue(Watch& watch) {
     LogTrace("CServer::Main() : Message on thread's FIFO.");
     MSG message;
-    if (::GetMessage(&message, nullptr, 0, 0, 0, false))
-        m_pCmdTarget.RouteMessage(&message, false);
+    if (!::GetMessage(&message, nullptr, 0, 0, 0, false))
+        return;
+    CCmdTarget& target = m_pCmdTarget;
+    watch.use.Pause();
+    target.RouteMessage(&message, false);
+    watch.use.Resume();
 }
 
 // A client that is given up stays open: it belongs to the command target. The highest descriptor never sinks.
 void CServer::ReportClients(Watch& watch) {
+    CCmdTarget& target = m_pCmdTarget;
+    watch.use.Pause();
     for (int descriptor = 0; descriptor <= watch.highest; ++descriptor) {
-        if (watch.ready.Contains(descriptor) && !m_pCmdTarget.ClientActivity(descriptor))
+        if (watch.ready.Contains(descriptor) && !target.ClientActivity(descriptor))
             watch.all.Remove(descriptor);
     }
+    watch.use.Resume();
 }

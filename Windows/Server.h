@@ -39,7 +39,7 @@ public:
 
     // Waits until the thread is in its loop: 0, or 110 after timeoutMs milliseconds (0xFFFFFFFF: for ever).
     int WaitUntilListening(unsigned long timeoutMs = INFINITE) {
-        return m_listeningEvent.WaitForEventSignal(timeoutMs, 0);
+        return m_listeningEvent.WaitForEventSignal(timeoutMs, nullptr);
     }
 
 protected:
@@ -54,7 +54,7 @@ private:
 
     void Start(int port, const Texts& texts);
     void AcceptClient(Watch& watch);
-    void ServeQueue();
+    void ServeQueue(Watch& watch);
     void ReportClients(Watch& watch);
 };
 

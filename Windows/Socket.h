@@ -31,7 +31,7 @@ struct ReceivedDataBlock {
     int m_nLength;
     unsigned char* m_pData;
 
-    ReceivedDataBlock() : m_nLength(0), m_pData(0) {}
+    ReceivedDataBlock() : m_nLength(0), m_pData(nullptr) {}
 };
 
 // The level of the TCP options: 6.

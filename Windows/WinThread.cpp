@@ -53,6 +53,21 @@ int CreateThread(pthread_t* id, void* (*body)(void*), void* argument) {
     return error;
 }
 
+// Waits until the descriptor can be read; what select returned. A signal starts the time anew.
+int WaitForRecord(int readDesc, unsigned int timeoutMs) {
+    for (;;) {
+        windows::DescriptorSet readable;
+        readable.Add(readDesc);
+        CTimeValHelper timeout;
+        timeout.AddMilliSeconds(timeoutMs);
+        errno = 0;
+        const int ready = readable.Select(readDesc + 1, &timeout);
+        if (ready != -1 || errno != EINTR)
+            return ready;
+        sched_yield();
+    }
+}
+
 } // namespace
 
 // --- Construction and destruction ----------------------------------------------------------------------
@@ -149,9 +164,9 @@ bool CWinThread::EndQueueAndThread() {
     // A thread that was never resumed is let go; it leaves without working. Not by Unlock, which would log.
     if (m_nSuspendCount > 0)
         pthread_mutex_unlock(m_suspenderMutex.PThreadMutex());
-    if (cancels)
+    if (m_nThreadID != 0)
         windows::ThreadLife::Release(*this);
-    else if (m_nThreadID == 0)
+    else
         windows::ThreadLife::Discard(*this);
     return cancels;
 }
@@ -177,7 +192,7 @@ void CWinThread::Work() {
         { const CSingleLock untilResumed(&m_suspenderMutex); }
         pfnThreadProc = m_pfnThreadProc;
         pThreadParam = m_pThreadParam;
-        if (!life.EnterWork())
+        if (!life.BeginWork())
             return;
     }
     pthread_testcancel();
@@ -188,7 +203,7 @@ void CWinThread::Work() {
         Main();
 
     const windows::NoCancellation untilTheEnd;
-    if (!life.EnterEnd())
+    if (!life.BeginEnd())
         return;
     CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "CWinThread::Body() -  Exiting m_nThreadID 0x%x",
                            static_cast<unsigned int>(m_nThreadID));
@@ -314,8 +329,8 @@ int CWinThread::LockoutMsgQueue() {
 
 int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/, unsigned int timeoutMs,
                            bool timeoutResult) {
-    const int readDesc = m_readDesc;
-    if (readDesc == -1 || !pMsg) {
+    windows::ObjectUse use(*this);
+    if (m_readDesc == -1 || !pMsg) {
         CLogger::PostLogEvent(LogTypeGeneral, LogSeverityFailure,
                               "CWinThread::GetMessage : msg ptr NULL || read desc invalid (FAILING)",
                               nullptr);
@@ -334,7 +349,9 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
                                   "CWinThread::GetMessage Bypassing select, message was already on pipe",
                                   nullptr);
         } else {
-            const int ready = WaitForRecord(readDesc, timeoutMs);
+            use.Pause();
+            const int ready = WaitForRecord(m_readDesc, timeoutMs);
+            use.Resume();
             if (ready == 0) {
                 pMsg->message = 0;
                 return timeoutResult;
@@ -346,7 +363,7 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
 
     pMsg->message = 0;
     int error = 0;
-    const long count = ReadRecord(pMsg, error);
+    const long count = ReadRecord(pMsg, error, use);
     if (count == -1) {
         CLogger::PostLogEventF(LogTypeGeneral, LogSeverityFailure,
                                "CWinThread::GetMessage : Error reading from pipe errno = %d", error);
@@ -370,6 +387,7 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
 }
 
 int CWinThread::PeekMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/) {
+    windows::ObjectUse use(*this);
     if (m_readDesc == -1 || !pMsg)
         return 0;
     pMsg->message = 0;
@@ -377,7 +395,7 @@ int CWinThread::PeekMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*
     if (!CountWaitingBytes(waiting) || waiting == 0)
         return 0;
     int error = 0;
-    const long count = ReadRecord(pMsg, error);
+    const long count = ReadRecord(pMsg, error, use);
     if (count == -1) {
         CLogger::PostLogEventF(LogTypeGeneral, LogSeverityFailure,
                                "CWinThread::PeekMessage() : Error reading from pipe errno = %d", error);
@@ -386,39 +404,26 @@ int CWinThread::PeekMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*
     return count == static_cast<long>(sizeof(MSG)) ? 1 : 0;
 }
 
-// What select returned. A signal starts the time anew.
-int CWinThread::WaitForRecord(int readDesc, unsigned int timeoutMs) {
-    for (;;) {
-        windows::DescriptorSet readable;
-        readable.Add(readDesc);
-        CTimeValHelper timeout;
-        timeout.AddMilliSeconds(timeoutMs);
-        errno = 0;
-        const int ready = readable.Select(readDesc + 1, &timeout);
-        if (ready != -1 || errno != EINTR)
-            return ready;
-        sched_yield();
-    }
-}
-
 bool CWinThread::CountWaitingBytes(int& count) {
     const CSingleLock reading(&m_readMutex);
     return ioctl(m_readDesc, FIONREAD, &count) != -1;
 }
 
 // What read returned, and its errno.
-long CWinThread::ReadRecord(MSG* pMsg, int& error) {
+long CWinThread::ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use) {
     const windows::NoCancellation noCancellation;
     const int readDesc = m_readDesc;
     // No scope holds this lock: a thread that is cancelled in the read must not touch the object, which its
     // destroyer may have freed by then.
     m_readMutex.Lock(INFINITE);
+    use.Pause();
     ssize_t count = 0;
     {
         const windows::CancellationAsBefore whileBlocked(noCancellation);
         count = read(readDesc, pMsg, sizeof(MSG));
         error = errno;
     }
+    use.Resume();
     DrainOverflow();
     m_readMutex.Unlock();
     return count;

@@ -1,15 +1,16 @@
 // Threads that start suspended, own a message queue and signal a handle when they end; and the functions that
 // post to and read from the queue of a thread by its id.
 //
-//   state                 | destroying the object            | WaitForSingleObject(m_hThread)
-//   suspended (new)       | the thread ends without having run | waits
-//   running               | the thread is cancelled          | waits; for ever if the thread is cancelled
-//   exited                | nothing is left of it            | returns 0
+//   state           | destroying the object              | WaitForSingleObject(m_hThread)
+//   suspended (new) | the thread ends without having run | waits
+//   running         | the thread is cancelled            | waits; for ever if the thread is cancelled
+//   exited          | nothing is left of it              | returns 0
 //
 // A thread is never joined. Whoever owns the object waits for its handle and then deletes it. Destroying it
-// earlier cancels the thread, which is safe while the thread runs nothing but application code of its own or
-// is blocked in GetMessage or select. Never destroy a running thread whose handle somebody waits for, nor
-// from within one of its own queue calls; there is no auto-delete.
+// earlier cancels the thread, which ends at its next cancellation point and uses the object no more, its
+// calls of GetMessage and PeekMessage included. What the application's own code does with the object
+// meanwhile is the application's affair. Never destroy a running thread whose handle somebody waits for;
+// there is no auto-delete.
 //
 // The queue is a pipe. A poster never blocks: what does not fit waits on a list that the reader moves to the
 // pipe later. Messages leave in the order of posting, but a message that finds room in the pipe may overtake
@@ -32,6 +33,10 @@
 #include <Windows/ThreadSafety.h>
 #include <Windows/synchelpers.h>
 #include <Windows/types.h>
+
+namespace windows {
+class ObjectUse;
+}
 
 // The one message number that the queue knows. It reaches the reader like any other.
 #define WM_QUIT 0xFFFF0000U
@@ -150,9 +155,8 @@ private:
     CWinThread(AFX_THREADPROC pfn, void* pParam, const char* source, bool logsFailure);
     bool EndQueueAndThread();
     void Work();
-    int WaitForRecord(int readDesc, unsigned int timeoutMs);
     bool CountWaitingBytes(int& count);
-    long ReadRecord(MSG* pMsg, int& error);
+    long ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use);
     void Park(int writeDesc, const MSG& record);
     void DrainOverflow();
 };

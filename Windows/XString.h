@@ -188,14 +188,14 @@ int CalcMaxFormattedStringLen(const char* pszFormat, va_list args);
 // ---------------------------------------------------------------------------------------------------------
 
 inline XStringData::XStringData()
-    : m_iRefCount(1), m_uiLength(0), m_uiBuffSize(0), m_iBlockSize(-1), m_pszData(0), m_bLocked(false) {
+    : m_iRefCount(1), m_uiLength(0), m_uiBuffSize(0), m_iBlockSize(-1), m_pszData(nullptr), m_bLocked(false) {
     // A load and a store, on purpose not one addition: see m_iObjCount.
     __atomic_store_n(&m_iObjCount, __atomic_load_n(&m_iObjCount, __ATOMIC_RELAXED) + 1, __ATOMIC_RELAXED);
 }
 
 inline char* XStringData::LockBuffer() {
     if (m_bLocked)
-        return 0;
+        return nullptr;
     m_bLocked = true;
     return m_pszData;
 }
@@ -219,7 +219,7 @@ inline XStringData* XStringData::Copy() const {
         ~TextOwner() { free(text); }
     } owner = {text};
     XStringData* copy = new XStringData;
-    owner.text = 0;
+    owner.text = nullptr;
     copy->m_uiLength = m_uiLength;
     copy->m_uiBuffSize = m_uiBuffSize;
     copy->m_iBlockSize = m_iBlockSize;
@@ -227,7 +227,8 @@ inline XStringData* XStringData::Copy() const {
     return copy;
 }
 
-inline XString& XString::operator=(const XString& source) {
+inline XString& XString::operator=(const XString& source) { // NOLINT(bugprone-unhandled-self-assignment)
+    // The source's reference comes first, so that a string may be assigned to itself.
     XStringData* shared = source.m_pStrData->AddRef();
     m_pStrData->Release();
     m_pStrData = shared;

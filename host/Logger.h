@@ -76,8 +76,9 @@ public:
                                const char* buffer, ...) __attribute__((format(printf, 3, 5)));
 };
 
-// True when the host runs in debug mode. Asked by ServerSocket::Bind, once for each call and without a lock
-// held: true opens a server to every interface, false to 127.0.0.1 only. Must not block for long or throw.
+// True when the host runs in debug mode. Asked once by each ServerSocket::Bind, with at most the suspension
+// lock of the CServer that is being constructed held: true opens a server to every interface, false to
+// 127.0.0.1 only. Must not block for long or throw.
 bool IsDebugEnabled();
 
 #endif

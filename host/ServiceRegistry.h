@@ -10,8 +10,9 @@
 // this class is compiled into the library: a host that changes the fields rebuilds the library. The fields
 // are the host's; the library never touches them.
 //
-// Thread safety: a value; each object belongs to one thread at a time. No lock of the library is held during
-// any call, none is made before main, and none may throw or block.
+// Thread safety: a value; each object belongs to one thread at a time. At most the suspension lock of the
+// CServer or CClient that is being constructed is held during a call; none is made before main; none may
+// throw or block.
 class CServiceAddress {
 public:
     // An empty address.

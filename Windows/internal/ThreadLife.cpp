@@ -1,6 +1,6 @@
 #include <Windows/internal/ThreadLife.h>
 
-#include <pthread.h>
+#include <unistd.h>
 
 #include <Windows/internal/Cancellation.h>
 
@@ -8,112 +8,153 @@ namespace windows {
 
 namespace {
 
-pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t g_changed = PTHREAD_COND_INITIALIZER;
-
 class Guard {
 public:
-    Guard() { pthread_mutex_lock(&g_mutex); }
-    ~Guard() { pthread_mutex_unlock(&g_mutex); }
+    explicit Guard(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
+    ~Guard() { pthread_mutex_unlock(&m_mutex); }
 
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
 
-    static void Wait() { pthread_cond_wait(&g_changed, &g_mutex); }
-
 private:
-    const NoCancellation m_noCancellation;
+    pthread_mutex_t& m_mutex;
 };
+
+// The lives of all objects that exist.
+pthread_mutex_t g_listMutex = PTHREAD_MUTEX_INITIALIZER;
+ThreadLife* g_first = nullptr;
+
+// The calling thread's own, if it is the thread of a CWinThread.
+thread_local ThreadLife* t_own = nullptr;
+
+[[noreturn]] void WaitForCancellation() {
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    for (;;)
+        pause();
+}
 
 } // namespace
 
-ThreadLife* ThreadLife::s_first = nullptr;
-
 void ThreadLife::Begin(const CWinThread& object) {
     auto* life = new ThreadLife(object);
-    const Guard guard;
-    life->m_next = s_first;
-    s_first = life;
+    const Guard guard(g_listMutex);
+    life->m_next = g_first;
+    g_first = life;
 }
 
 void ThreadLife::Discard(const CWinThread& object) {
-    const Guard guard;
-    ThreadLife* life = Find(object);
-    if (!life) // the constructor failed earlier than that
-        return;
-    life->Unlink();
-    delete life;
+    if (ThreadLife* life = Find(object)) { // there is none if the constructor failed early
+        life->Unlink();
+        delete life;
+    }
 }
 
 bool ThreadLife::Claim(const CWinThread& object) {
-    const Guard guard;
     ThreadLife* life = Find(object);
-    while (life->m_phase == Phase::Ending)
-        Guard::Wait();
-    if (life->m_phase == Phase::Over) {
-        life->Unlink();
-        life->Drop();
-        return false;
-    }
-    life->m_claimed = true;
-    return true;
+    const NoCancellation whileWaiting;
+    const Guard guard(life->m_mutex);
+    while (life->m_phase == Phase::Inside && !life->m_claimed)
+        pthread_cond_wait(&life->m_changed, &life->m_mutex);
+    if (life->m_phase != Phase::Over)
+        life->m_claimed = true;
+    return life->m_claimed;
 }
 
 void ThreadLife::Release(const CWinThread& object) {
-    const Guard guard;
     ThreadLife* life = Find(object);
-    life->m_released = true;
-    pthread_cond_broadcast(&g_changed);
-    while (life->m_phase == Phase::Starting)
-        Guard::Wait();
     life->Unlink();
+    {
+        const NoCancellation whileWaiting;
+        const Guard guard(life->m_mutex);
+        life->m_released = true;
+        pthread_cond_broadcast(&life->m_changed);
+        while (life->m_phase == Phase::Starting)
+            pthread_cond_wait(&life->m_changed, &life->m_mutex);
+    }
     life->Drop();
 }
 
-ThreadLife::Self::Self(const CWinThread& object) {
-    const Guard guard;
-    m_life = Find(object);
-}
+ThreadLife::Self::Self(const CWinThread& object) : m_life(Find(object)) { t_own = m_life; }
 
 ThreadLife::Self::~Self() {
-    const Guard guard;
-    // The destroyer is about to cancel this thread by its id, which must not be given to another meanwhile.
-    while (m_life->m_claimed && !m_life->m_released)
-        Guard::Wait();
-    m_life->m_phase = Phase::Over;
-    pthread_cond_broadcast(&g_changed);
+    t_own = nullptr;
+    {
+        const NoCancellation whileWaiting;
+        const Guard guard(m_life->m_mutex);
+        // The destroyer is about to cancel this thread by its id, which must not be given to another
+        // meanwhile.
+        while (m_life->m_claimed && !m_life->m_released)
+            pthread_cond_wait(&m_life->m_changed, &m_life->m_mutex);
+        m_life->m_phase = Phase::Over;
+        pthread_cond_broadcast(&m_life->m_changed);
+    }
     m_life->Drop();
 }
 
-bool ThreadLife::Self::EnterWork() { return m_life->Enter(Phase::Working); }
+bool ThreadLife::Self::BeginWork() { return m_life->Enter(Phase::Outside); }
 
-bool ThreadLife::Self::EnterEnd() { return m_life->Enter(Phase::Ending); }
-
-bool ThreadLife::Enter(Phase phase) {
-    const Guard guard;
-    if (m_claimed)
-        return false;
-    m_phase = phase;
-    return true;
-}
+bool ThreadLife::Self::BeginEnd() { return m_life->Enter(Phase::Inside); }
 
 ThreadLife* ThreadLife::Find(const CWinThread& object) {
-    ThreadLife* life = s_first;
+    const Guard guard(g_listMutex);
+    ThreadLife* life = g_first;
     while (life && life->m_object != &object)
         life = life->m_next;
     return life;
 }
 
 void ThreadLife::Unlink() {
-    ThreadLife** link = &s_first;
+    const Guard guard(g_listMutex);
+    ThreadLife** link = &g_first;
     while (*link != this)
         link = &(*link)->m_next;
     *link = m_next;
 }
 
 void ThreadLife::Drop() {
-    if (--m_owners == 0)
+    bool last = false;
+    {
+        const Guard guard(m_mutex);
+        last = --m_owners == 0;
+    }
+    if (last)
         delete this;
+}
+
+bool ThreadLife::Enter(Phase phase) {
+    const Guard guard(m_mutex);
+    if (m_claimed)
+        return false;
+    m_phase = phase;
+    return true;
+}
+
+// For a thread that leaves a stretch; whether it has been claimed does not matter to it then.
+void ThreadLife::SetPhase(Phase phase) {
+    const Guard guard(m_mutex);
+    m_phase = phase;
+    pthread_cond_broadcast(&m_changed);
+}
+
+ObjectUse::ObjectUse(const CWinThread& object)
+    : m_life(t_own && t_own->m_object == &object ? t_own : nullptr),
+      m_before(m_life ? m_life->m_phase : ThreadLife::Phase::Outside) {
+    Resume();
+}
+
+ObjectUse::~ObjectUse() {
+    if (m_life)
+        m_life->SetPhase(m_before);
+}
+
+void ObjectUse::Pause() {
+    if (m_life)
+        m_life->SetPhase(ThreadLife::Phase::Outside);
+}
+
+void ObjectUse::Resume() {
+    if (m_life && !m_life->Enter(ThreadLife::Phase::Inside))
+        WaitForCancellation();
 }
 
 } // namespace windows

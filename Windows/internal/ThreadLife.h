@@ -1,20 +1,24 @@
-// How far a thread has come, known to the thread itself and to whoever destroys its CWinThread.
+// Lets a CWinThread be destroyed while its thread runs: who uses the object now, the thread or its destroyer.
 //
-// A CWinThread may be destroyed while its thread runs, and the thread is never joined. Yet two stretches of
-// the thread's life touch the object: the start, until the suspension is over and the work is known, and the
-// end, which logs and signals the handle. A destroyer waits for a thread that is in one of them, and a thread
-// whose object is being destroyed enters neither.
+// A thread is never joined. Its object may be destroyed at any moment, which cancels it, and a cancelled
+// thread runs on to its next cancellation point. So the stretches in which a thread uses its object are
+// marked: its start and its end, the functions of its queue, the loops of CServer and CClient. They are left
+// around each call that blocks and each callback. A destroyer waits for a thread that is inside such a
+// stretch; a thread whose object has been claimed by a destroyer enters no further one, but waits for its
+// cancellation.
 //
-//   phase    | the thread             | destroying the object
-//   Starting | reads the object       | the thread leaves without working; waits for that
-//   Working  | runs application code  | cancels the thread, which will not touch the object again
-//   Ending   | writes to the object   | waits until it is over
-//   Over     | is gone in a moment    | nothing to do
+//   phase    | the thread                        | destroying the object
+//   Starting | reads the object, may be suspended | lifts the suspension; the thread leaves without working
+//   Outside  | is blocked, or in application code | cancels the thread
+//   Inside   | uses the object                    | waits until it is outside
+//   Over     | is gone in a moment                | nothing to do
 //
-// One process-wide lock guards every life; it is the innermost of all and held for a few instructions. It and
-// the list of lives need neither construction nor destruction, so threads may run before main and after it.
+// The locks are the innermost of all and held for a few instructions. The list of lives needs neither
+// construction nor destruction, so threads may run before main and after it.
 #ifndef WINDOWS_INTERNAL_THREADLIFE_H
 #define WINDOWS_INTERNAL_THREADLIFE_H
+
+#include <pthread.h>
 
 class CWinThread;
 
@@ -28,12 +32,12 @@ public:
     // Constructing or destroying thread: there is no thread, as it could not be created.
     static void Discard(const CWinThread& object);
 
-    // Destroying thread. True: the thread must be cancelled. It cannot end, and its id stays valid, until
-    // Release() is called. False: its work is over.
+    // Destroying thread. Waits until the thread is outside. True: it must be cancelled, and until Release()
+    // is called it cannot end and its id stays valid. False: its work is over. May be called more than once.
     static bool Claim(const CWinThread& object);
 
-    // Destroying thread, after a successful Claim(): the thread is cancelled and not suspended. Returns when
-    // it does not use the object any more.
+    // Destroying thread, last: a claimed thread has been cancelled and is not suspended any more. Returns
+    // when the object is the caller's alone.
     static void Release(const CWinThread& object);
 
     // The thread's own part, on its stack from the first moment to the last.
@@ -48,31 +52,56 @@ public:
         Self& operator=(const Self&) = delete;
 
         // Each returns false if the object is being destroyed; the thread then ends without touching it.
-        bool EnterWork();
-        bool EnterEnd();
+        bool BeginWork();
+        bool BeginEnd();
 
     private:
-        ThreadLife* m_life;
+        ThreadLife* const m_life;
     };
 
 private:
-    enum class Phase { Starting, Working, Ending, Over };
+    friend class ObjectUse;
+
+    enum class Phase { Starting, Outside, Inside, Over };
 
     explicit ThreadLife(const CWinThread& object) : m_object(&object) {}
 
     static ThreadLife* Find(const CWinThread& object);
-    bool Enter(Phase phase);
     void Unlink();
     void Drop();
+    bool Enter(Phase phase);
+    void SetPhase(Phase phase);
 
     const CWinThread* const m_object;
+    ThreadLife* m_next = nullptr;
+
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER; // guards what follows
+    pthread_cond_t m_changed = PTHREAD_COND_INITIALIZER;
     Phase m_phase = Phase::Starting;
     bool m_claimed = false;
     bool m_released = false;
     int m_owners = 2; // the object and the thread
-    ThreadLife* m_next = nullptr;
+};
 
-    static ThreadLife* s_first; // the lives of all objects that exist
+// A stretch in which the calling thread uses its own object. Means nothing on any other thread.
+//
+// Where the object is being destroyed, the constructor and Resume() do not return: the thread is cancelled
+// there.
+class ObjectUse {
+public:
+    explicit ObjectUse(const CWinThread& object);
+    ~ObjectUse();
+
+    ObjectUse(const ObjectUse&) = delete;
+    ObjectUse& operator=(const ObjectUse&) = delete;
+
+    // In front of and behind a call that may block or that runs application code.
+    void Pause();
+    void Resume();
+
+private:
+    ThreadLife* const m_life; // NULL on another thread
+    ThreadLife::Phase m_before;
 };
 
 } // namespace windows
