@@ -87,8 +87,9 @@ void CClient::AddHandler() {
     CLogger::PostLogEvent(LogTypeLife, LogSeverityInformation, "CClient::AddHandler() called!", nullptr);
 }
 
-void CClient::Main() {
-    windows::ObjectUse use(*this);
+// Does not look at the object, which may be gone already, before it is marked as in use.
+__attribute__((no_sanitize("vptr"))) void CClient::Main() {
+    windows::ObjectUse use;
     // Read once: the socket may close itself on an error, and its number stays in the set and in the log.
     const int socketDesc = m_clientSocket.GetDescriptor();
     const int pipeDesc = m_readDesc;

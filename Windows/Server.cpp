@@ -78,8 +78,9 @@ CServer::~CServer() {
 
 void CServer::AddHandler() { LogLife("CServer::AddHandler() called!"); }
 
-void CServer::Main() {
-    windows::ObjectUse use(*this);
+// Does not look at the object, which may be gone already, before it is marked as in use.
+__attribute__((no_sanitize("vptr"))) void CServer::Main() {
+    windows::ObjectUse use;
     CLogger::PostLogEvent(LogTypeGeneral, LogSeverityInformation,
                           "CServer::Main (thread is now active so we are truly listening!!)", nullptr);
     windows::RelaxedStore(m_bListening, true);

@@ -173,7 +173,8 @@ bool CWinThread::EndQueueAndThread() {
 
 // --- The thread ----------------------------------------------------------------------------------------
 
-void CWinThread::Main() {
+// Does not look at the object, which may be gone already: see Work.
+__attribute__((no_sanitize("vptr"))) void CWinThread::Main() {
     CLogger::PostLogEvent(LogTypeGeneral, LogSeverityWarning,
                           "CWinThread::Main() : A subclass must override this method!", nullptr);
 }
@@ -183,27 +184,47 @@ void* CWinThread::Body(void* p) {
     pthread_exit(nullptr);
 }
 
+namespace {
+
+using MainFunction = void (*)(CWinThread*);
+
+// What the object's class has overridden Main with. It is looked up while the object cannot go away and
+// called when it can, whereas a call of Main() would look into the object first.
+MainFunction MainOf(const CWinThread& thread) {
+    constexpr size_t kMainSlot = 2; // behind the two destructors
+    void* const* table = nullptr;
+    MainFunction main = nullptr;
+    memcpy(&table, &thread, sizeof table);
+    memcpy(&main, &table[kMainSlot], sizeof main);
+    return main;
+}
+
+} // namespace
+
 void CWinThread::Work() {
     windows::ThreadLife::Self life(*this);
     AFX_THREADPROC pfnThreadProc = nullptr;
     void* pThreadParam = nullptr;
+    MainFunction main = nullptr;
     {
         const windows::NoCancellation untilWorkIsKnown;
         { const CSingleLock untilResumed(&m_suspenderMutex); }
+        if (!life.Enter())
+            return;
         pfnThreadProc = m_pfnThreadProc;
         pThreadParam = m_pThreadParam;
-        if (!life.BeginWork())
-            return;
+        main = MainOf(*this);
+        life.Leave();
     }
     pthread_testcancel();
 
     if (pfnThreadProc)
         pfnThreadProc(pThreadParam);
     else
-        Main();
+        main(this);
 
     const windows::NoCancellation untilTheEnd;
-    if (!life.BeginEnd())
+    if (!life.Enter())
         return;
     CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "CWinThread::Body() -  Exiting m_nThreadID 0x%x",
                            static_cast<unsigned int>(m_nThreadID));
@@ -329,7 +350,7 @@ int CWinThread::LockoutMsgQueue() {
 
 int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/, unsigned int timeoutMs,
                            bool timeoutResult) {
-    windows::ObjectUse use(*this);
+    windows::ObjectUse use;
     if (m_readDesc == -1 || !pMsg) {
         CLogger::PostLogEvent(LogTypeGeneral, LogSeverityFailure,
                               "CWinThread::GetMessage : msg ptr NULL || read desc invalid (FAILING)",
@@ -349,8 +370,9 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
                                   "CWinThread::GetMessage Bypassing select, message was already on pipe",
                                   nullptr);
         } else {
+            const int readDesc = m_readDesc;
             use.Pause();
-            const int ready = WaitForRecord(m_readDesc, timeoutMs);
+            const int ready = WaitForRecord(readDesc, timeoutMs);
             use.Resume();
             if (ready == 0) {
                 pMsg->message = 0;
@@ -387,7 +409,7 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
 }
 
 int CWinThread::PeekMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/) {
-    windows::ObjectUse use(*this);
+    windows::ObjectUse use;
     if (m_readDesc == -1 || !pMsg)
         return 0;
     pMsg->message = 0;
@@ -474,6 +496,7 @@ int PostThreadMessage(unsigned long threadId, unsigned int message, unsigned lon
 
 int GetMessage(MSG* pMsg, void* /*window*/, unsigned int min, unsigned int max, unsigned int timeoutMs,
                bool timeoutResult) {
+    const windows::ObjectUse use;
     CWinThread* thread = CWinThread::MapIdToWinThread(GetCurrentThreadId());
     return thread ? thread->GetMessage(pMsg, min, max, timeoutMs, timeoutResult) : 0;
 }
@@ -482,6 +505,7 @@ int PeekMessage(MSG* pMsg, void* /*window*/, unsigned int min, unsigned int max,
     // The flag that says "remove" is the one that reads nothing; callers that want the message pass 0.
     if (removeFlag == PM_REMOVE)
         return 1;
+    const windows::ObjectUse use;
     CWinThread* thread = CWinThread::MapIdToWinThread(GetCurrentThreadId());
     return thread ? thread->PeekMessage(pMsg, min, max) : 0;
 }

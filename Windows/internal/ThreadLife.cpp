@@ -8,13 +8,38 @@ namespace windows {
 
 namespace {
 
+// ThreadSanitizer does not see what a thread locks once it has been cancelled in a system call, so it is
+// told.
+#if defined(__SANITIZE_THREAD__)
+extern "C" void AnnotateHappensBefore(const char* file, int line, const volatile void* what);
+extern "C" void AnnotateHappensAfter(const char* file, int line, const volatile void* what);
+void Acquired(const pthread_mutex_t& mutex) { AnnotateHappensAfter(__FILE__, __LINE__, &mutex); }
+void Releases(const pthread_mutex_t& mutex) { AnnotateHappensBefore(__FILE__, __LINE__, &mutex); }
+#else
+void Acquired(const pthread_mutex_t& /*mutex*/) {}
+void Releases(const pthread_mutex_t& /*mutex*/) {}
+#endif
+
 class Guard {
 public:
-    explicit Guard(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
-    ~Guard() { pthread_mutex_unlock(&m_mutex); }
+    explicit Guard(pthread_mutex_t& mutex) : m_mutex(mutex) {
+        pthread_mutex_lock(&m_mutex);
+        Acquired(m_mutex);
+    }
+    ~Guard() {
+        Releases(m_mutex);
+        pthread_mutex_unlock(&m_mutex);
+    }
 
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
+
+    void Wait(pthread_cond_t& condition) const {
+        const NoCancellation whileWaiting;
+        Releases(m_mutex);
+        pthread_cond_wait(&condition, &m_mutex);
+        Acquired(m_mutex);
+    }
 
 private:
     pthread_mutex_t& m_mutex;
@@ -51,10 +76,9 @@ void ThreadLife::Discard(const CWinThread& object) {
 
 bool ThreadLife::Claim(const CWinThread& object) {
     ThreadLife* life = Find(object);
-    const NoCancellation whileWaiting;
     const Guard guard(life->m_mutex);
     while (life->m_phase == Phase::Inside && !life->m_claimed)
-        pthread_cond_wait(&life->m_changed, &life->m_mutex);
+        guard.Wait(life->m_changed);
     if (life->m_phase != Phase::Over)
         life->m_claimed = true;
     return life->m_claimed;
@@ -62,15 +86,14 @@ bool ThreadLife::Claim(const CWinThread& object) {
 
 void ThreadLife::Release(const CWinThread& object) {
     ThreadLife* life = Find(object);
-    life->Unlink();
     {
-        const NoCancellation whileWaiting;
         const Guard guard(life->m_mutex);
         life->m_released = true;
         pthread_cond_broadcast(&life->m_changed);
         while (life->m_phase == Phase::Starting)
-            pthread_cond_wait(&life->m_changed, &life->m_mutex);
+            guard.Wait(life->m_changed);
     }
+    life->Unlink(); // not before: a thread that starts looks for its life
     life->Drop();
 }
 
@@ -79,21 +102,20 @@ ThreadLife::Self::Self(const CWinThread& object) : m_life(Find(object)) { t_own 
 ThreadLife::Self::~Self() {
     t_own = nullptr;
     {
-        const NoCancellation whileWaiting;
         const Guard guard(m_life->m_mutex);
         // The destroyer is about to cancel this thread by its id, which must not be given to another
         // meanwhile.
         while (m_life->m_claimed && !m_life->m_released)
-            pthread_cond_wait(&m_life->m_changed, &m_life->m_mutex);
+            guard.Wait(m_life->m_changed);
         m_life->m_phase = Phase::Over;
         pthread_cond_broadcast(&m_life->m_changed);
     }
     m_life->Drop();
 }
 
-bool ThreadLife::Self::BeginWork() { return m_life->Enter(Phase::Outside); }
+bool ThreadLife::Self::Enter() { return m_life->Enter(); }
 
-bool ThreadLife::Self::BeginEnd() { return m_life->Enter(Phase::Inside); }
+void ThreadLife::Self::Leave() { m_life->SetPhase(Phase::Outside); }
 
 ThreadLife* ThreadLife::Find(const CWinThread& object) {
     const Guard guard(g_listMutex);
@@ -121,11 +143,11 @@ void ThreadLife::Drop() {
         delete this;
 }
 
-bool ThreadLife::Enter(Phase phase) {
+bool ThreadLife::Enter() {
     const Guard guard(m_mutex);
     if (m_claimed)
         return false;
-    m_phase = phase;
+    m_phase = Phase::Inside;
     return true;
 }
 
@@ -136,9 +158,7 @@ void ThreadLife::SetPhase(Phase phase) {
     pthread_cond_broadcast(&m_changed);
 }
 
-ObjectUse::ObjectUse(const CWinThread& object)
-    : m_life(t_own && t_own->m_object == &object ? t_own : nullptr),
-      m_before(m_life ? m_life->m_phase : ThreadLife::Phase::Outside) {
+ObjectUse::ObjectUse() : m_life(t_own), m_before(m_life ? m_life->m_phase : ThreadLife::Phase::Outside) {
     Resume();
 }
 
@@ -153,7 +173,7 @@ void ObjectUse::Pause() {
 }
 
 void ObjectUse::Resume() {
-    if (m_life && !m_life->Enter(ThreadLife::Phase::Inside))
+    if (m_life && !m_life->Enter())
         WaitForCancellation();
 }
 

@@ -8,7 +8,7 @@
 // cancellation.
 //
 //   phase    | the thread                        | destroying the object
-//   Starting | reads the object, may be suspended | lifts the suspension; the thread leaves without working
+//   Starting | waits for the end of its suspension | lifts it, and waits until the thread has left
 //   Outside  | is blocked, or in application code | cancels the thread
 //   Inside   | uses the object                    | waits until it is outside
 //   Over     | is gone in a moment                | nothing to do
@@ -51,9 +51,10 @@ public:
         Self(const Self&) = delete;
         Self& operator=(const Self&) = delete;
 
-        // Each returns false if the object is being destroyed; the thread then ends without touching it.
-        bool BeginWork();
-        bool BeginEnd();
+        // Begins a stretch in which the thread uses the object. False if the object is being destroyed; the
+        // thread then ends without touching it.
+        bool Enter();
+        void Leave();
 
     private:
         ThreadLife* const m_life;
@@ -69,7 +70,7 @@ private:
     static ThreadLife* Find(const CWinThread& object);
     void Unlink();
     void Drop();
-    bool Enter(Phase phase);
+    bool Enter();
     void SetPhase(Phase phase);
 
     const CWinThread* const m_object;
@@ -83,13 +84,11 @@ private:
     int m_owners = 2; // the object and the thread
 };
 
-// A stretch in which the calling thread uses its own object. Means nothing on any other thread.
-//
-// Where the object is being destroyed, the constructor and Resume() do not return: the thread is cancelled
-// there.
+// A stretch in which the calling thread uses its own object; nothing on a thread that has none. Where the
+// object is being destroyed the constructor and Resume() do not return: the thread is cancelled there.
 class ObjectUse {
 public:
-    explicit ObjectUse(const CWinThread& object);
+    ObjectUse();
     ~ObjectUse();
 
     ObjectUse(const ObjectUse&) = delete;
@@ -100,8 +99,8 @@ public:
     void Resume();
 
 private:
-    ThreadLife* const m_life; // NULL on another thread
-    ThreadLife::Phase m_before;
+    ThreadLife* const m_life;
+    const ThreadLife::Phase m_before;
 };
 
 } // namespace windows
