@@ -15,7 +15,7 @@ public:
     Exception(char* description);
     Exception(const Exception&) = default;
     Exception& operator=(const Exception&) = default;
-    ~Exception();
+    ~Exception(); // NOLINT(performance-trivially-destructible): it is exported
 
     // The pointer that was given.
     char* Description();

