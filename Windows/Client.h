@@ -58,12 +58,11 @@ public:
     // Whether the constructor connected. Never changes.
     bool IsConnected() const { return m_bConnectedToServer; }
 
-protected:
     CClientSocket m_clientSocket;
     CCmdTarget& m_pCmdTarget;
-    std::string m_strHost;
+    std::string m_strHost; // of the host and port constructor
     bool m_bConnectedToServer;
-    int m_nPort;
+    int m_nPort; // of the host and port constructor; -1 otherwise
 
 private:
     template <typename... Address> void Connect(const Address&... address);

@@ -42,10 +42,9 @@ public:
         return m_listeningEvent.WaitForEventSignal(timeoutMs, nullptr);
     }
 
-protected:
     bool m_bListening;
     CCmdTarget& m_pCmdTarget;
-    CEvent m_listeningEvent;
+    CEvent m_listeningEvent; // set when the thread is in its loop
     ServerSocket m_serverSocket;
 
 private:

@@ -124,11 +124,14 @@ public:
     // Signalled when the thread's work has returned. It belongs to this object.
     HANDLE m_hThread;
 
-protected:
-    int m_readDesc;  // blocking; readable when a message waits. A loop may select() on it, and must take the
-                     // message with PeekMessage.
+    // The two ends of the queue; -1 when closed. A loop of the application's may select() on the read end and
+    // then takes the message with PeekMessage. On the thread of a CServer or CClient, closing the read end and
+    // setting it to -1 ends the loop.
+    int m_readDesc;  // blocking
     int m_writeDesc; // not blocking
-    unsigned short m_nPostedCount; // wraps; posters at the same moment may lose a count
+
+    // Messages posted; wraps. Posters at the same moment may lose a count.
+    unsigned short m_nPostedCount;
 
 private:
     struct OverflowNode;
