@@ -125,8 +125,8 @@ public:
     HANDLE m_hThread;
 
     // The two ends of the queue; -1 when closed. A loop of the application's may select() on the read end and
-    // then takes the message with PeekMessage. On the thread of a CServer or CClient, closing the read end and
-    // setting it to -1 ends the loop.
+    // then takes the message with PeekMessage. On the thread of a CServer or CClient, closing the read end
+    // and setting it to -1 ends the loop.
     int m_readDesc;  // blocking
     int m_writeDesc; // not blocking
 
