@@ -72,7 +72,7 @@ unsigned char* CMemFile::Detach() {
 void CMemFile::Grow(unsigned int newSize) {
     if (m_uiBufferSize >= newSize)
         return;
-    m_pBuffer = static_cast<unsigned char*>(realloc(m_pBuffer, newSize));
+    m_pBuffer = static_cast<unsigned char*>(m_pBuffer ? realloc(m_pBuffer, newSize) : malloc(newSize));
     m_uiBufferSize = newSize;
 }
 

@@ -40,6 +40,7 @@ CMutex::CMutex(bool bInitiallyOwn) {
 }
 
 CMutex::CMutex(int kind, bool bInitiallyOwn) {
+    const windows::NoCancellation noCancellation;
     const unsigned long tid = pthread_self();
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "CMutex Creator Called on thread %lx", tid);
     pthread_mutexattr_t attributes;

@@ -30,6 +30,7 @@ struct CServer::Watch {
     windows::DescriptorSet all;
     windows::DescriptorSet ready;
     int highest;
+    int looked; // the highest that the last select has looked at: above it, ready says nothing
     windows::ObjectUse& use;
 };
 
@@ -89,7 +90,7 @@ __attribute__((no_sanitize("vptr"))) void CServer::Main() {
     const int pipeDesc = m_readDesc;
     // The highest leaves out the pipe: it is older than the socket, and its number lower unless one was given
     // back between.
-    Watch watch{{}, {}, listenDesc, use};
+    Watch watch{{}, {}, listenDesc, listenDesc, use};
     watch.all.Add(listenDesc);
     watch.all.Add(pipeDesc);
     m_listeningEvent.SetEvent();
@@ -97,10 +98,11 @@ __attribute__((no_sanitize("vptr"))) void CServer::Main() {
     for (;;) {
         int count = 0;
         int error = 0;
+        watch.looked = watch.highest;
         use.Pause();
         do {
             watch.ready = watch.all;
-            count = watch.ready.Select(watch.highest + 1, nullptr);
+            count = watch.ready.Select(watch.looked + 1, nullptr);
             error = errno;
         } while (count == -1 && error == EINTR);
         use.Resume();
@@ -119,8 +121,7 @@ __attribute__((no_sanitize("vptr"))) void CServer::Main() {
             watch.ready.Remove(listenDesc);
             AcceptClient(watch);
         }
-        // Above the highest descriptor the set says nothing: the system has not looked there.
-        if (pipeDesc <= watch.highest && watch.ready.Contains(pipeDesc)) {
+        if (pipeDesc <= watch.looked && watch.ready.Contains(pipeDesc)) {
             watch.ready.Remove(pipeDesc);
             ServeQueue(watch);
         }
@@ -164,7 +165,7 @@ void CServer::ServeQueue(Watch& watch) {
 void CServer::ReportClients(Watch& watch) {
     CCmdTarget& target = m_pCmdTarget;
     watch.use.Pause();
-    for (int descriptor = 0; descriptor <= watch.highest; ++descriptor) {
+    for (int descriptor = 0; descriptor <= watch.looked; ++descriptor) {
         if (watch.ready.Contains(descriptor) && !target.ClientActivity(descriptor))
             watch.all.Remove(descriptor);
     }

@@ -49,8 +49,9 @@ private:
 pthread_mutex_t g_listMutex = PTHREAD_MUTEX_INITIALIZER;
 ThreadLife* g_first = nullptr;
 
-// The calling thread's own, if it is the thread of a CWinThread.
-thread_local ThreadLife* t_own = nullptr;
+// The calling thread's own, if it is the thread of a CWinThread. The model spares the library the dynamic
+// linker's help at each access, and with it a dependency on the dynamic linker.
+__attribute__((tls_model("initial-exec"))) thread_local ThreadLife* t_own = nullptr;
 
 [[noreturn]] void WaitForCancellation() {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
