@@ -8,6 +8,7 @@
 
 #include <Windows/SocketException.h>
 #include <Windows/internal/BlockingMode.h>
+#include <Windows/internal/Relaxed.h>
 
 CClientSocket::CClientSocket() : m_bConnected(false) {
     if (!Create())
@@ -26,7 +27,7 @@ bool CClientSocket::Connect(std::string host, int port) {
     inet_pton(AF_INET, host.c_str(), &m_address.sin_addr);
     if (errno == EAFNOSUPPORT)
         return false;
-    windows::BlockingMode mode(*this, m_bBlocking, true);
+    windows::BlockingMode mode(*this, windows::RelaxedLoad(m_bBlocking), true);
     m_bConnected = connect(m_fd, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address) == 0;
     mode.Restore();
     return m_bConnected;

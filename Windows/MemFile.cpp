@@ -19,7 +19,9 @@ template <typename Sink> void PrintTo(Sink sink, const char* format, va_list arg
         // Not checked, like every allocation of a memory file.
         const size_t size = static_cast<size_t>(length) + 100;
         auto* longText = static_cast<char*>(malloc(size));
-        sink(longText, vsnprintf(longText, size, format, again));
+        const int longLength = vsnprintf(longText, size, format, again);
+        if (longLength >= 0)
+            sink(longText, longLength);
         free(longText);
     } else if (length >= 0) {
         sink(text, length);

@@ -39,51 +39,51 @@ CSocket::CSocket() : m_fd(-1), m_address(), m_bBlocking(true) {}
 
 CSocket::~CSocket() {
     const windows::NoCancellation noCancellation;
-    if (m_fd != -1)
-        close(m_fd);
+    if (GetDescriptor() != -1)
+        close(GetDescriptor());
     // A thread that is about to be cancelled may still hold this socket: it must not find a number that is
     // somebody else's by now.
     windows::RelaxedStore(m_fd, -1);
 }
 
 bool CSocket::Create() {
-    m_fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (m_fd == -1)
+    windows::RelaxedStore(m_fd, socket(AF_INET, SOCK_STREAM, 0));
+    if (GetDescriptor() == -1)
         return false;
     const int on = 1;
-    if (setsockopt(m_fd, ZEL_SOCKET_LEVEL, TCP_NODELAY, &on, sizeof on) == 0)
+    if (setsockopt(GetDescriptor(), ZEL_SOCKET_LEVEL, TCP_NODELAY, &on, sizeof on) == 0)
         return true;
-    close(m_fd);
-    m_fd = -1;
+    close(GetDescriptor());
+    windows::RelaxedStore(m_fd, -1);
     return false;
 }
 
 int CSocket::Close() {
-    if (m_fd == -1) {
+    if (GetDescriptor() == -1) {
         CLogger::PostLogEvent(LogTypeGeneral, LogSeverityMisuse,
                               "CSocket::Close - called on socket that's already been closed", nullptr);
         return -1;
     }
-    const int result = close(m_fd);
-    m_fd = -1;
+    const int result = close(GetDescriptor());
+    windows::RelaxedStore(m_fd, -1);
     return result;
 }
 
 bool CSocket::SetBlockingMode(bool blocking) {
-    if (m_bBlocking == blocking)
+    if (windows::RelaxedLoad(m_bBlocking) == blocking)
         return true;
-    const int flags = fcntl(m_fd, F_GETFL);
+    const int flags = fcntl(GetDescriptor(), F_GETFL);
     if (flags < 0) {
         CLogger::PostLogEvent(LogTypeGeneral, LogSeverityFailure,
                               "Failed to set blocking mode on socket (on option set)!!", nullptr);
         return false;
     }
-    if (fcntl(m_fd, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) == -1) {
+    if (fcntl(GetDescriptor(), F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) == -1) {
         CLogger::PostLogEvent(LogTypeGeneral, LogSeverityFailure, "Failed to set blocking mode on socket!!",
                               nullptr);
         return false;
     }
-    m_bBlocking = blocking;
+    windows::RelaxedStore(m_bBlocking, blocking);
     return true;
 }
 
@@ -94,7 +94,7 @@ bool CSocket::IsDataAvailable() {
 
 bool CSocket::IsDataAvailable(bool& closed) {
     closed = false;
-    windows::BlockingMode mode(*this, m_bBlocking, false);
+    windows::BlockingMode mode(*this, windows::RelaxedLoad(m_bBlocking), false);
     unsigned char byte = 0;
     // MSG_DONTWAIT although the socket does not block: another thread that sends may just have made it.
     const long count = ReceiveBytes(&byte, 1, MSG_PEEK | MSG_DONTWAIT);
@@ -124,16 +124,16 @@ void CSocket::EncodeLength(unsigned long length, unsigned char* destination) {
 
 void CSocket::SetQuickAck() {
     const int on = 1;
-    setsockopt(m_fd, ZEL_SOCKET_LEVEL, TCP_QUICKACK, &on, sizeof on);
+    setsockopt(GetDescriptor(), ZEL_SOCKET_LEVEL, TCP_QUICKACK, &on, sizeof on);
 }
 
 long CSocket::ReceiveBytes(void* to, unsigned long count, int flags) {
     SetQuickAck();
-    return recv(m_fd, to, count, flags);
+    return recv(GetDescriptor(), to, count, flags);
 }
 
 int CSocket::ReceiveLength(bool wait, unsigned int timeoutMs) {
-    windows::BlockingMode mode(*this, m_bBlocking, false);
+    windows::BlockingMode mode(*this, windows::RelaxedLoad(m_bBlocking), false);
     int result = 0;
     if (AwaitData(wait, timeoutMs, result))
         result = ReadPrefix();
@@ -182,7 +182,7 @@ bool CSocket::AwaitData(bool wait, unsigned int timeoutMs, int& result) {
             "CSocket::ReceiveLength Data Became available in between checking and setting up the select!!");
         return true;
     }
-    if (closed && m_fd == -1) { // failed, and closed by that: there is nothing left to wait for
+    if (closed && GetDescriptor() == -1) { // failed, and closed by that: there is nothing left to wait for
         LogTrace("CSocket::ReceiveLength -- Socket Was Closed, returning 0");
         result = kPeerClosed;
         return false;
@@ -191,8 +191,8 @@ bool CSocket::AwaitData(bool wait, unsigned int timeoutMs, int& result) {
     int error = 0;
     do {
         windows::DescriptorSet readable;
-        readable.Add(m_fd);
-        result = readable.Select(m_fd + 1, limit);
+        readable.Add(GetDescriptor());
+        result = readable.Select(GetDescriptor() + 1, limit);
         error = errno;
     } while (result == -1 && error == EINTR);
     if (result > 0)
@@ -252,7 +252,7 @@ int CSocket::ReadPrefix() {
 // Receives exactly length bytes; 0, or -1 or -2 on failure. Any failure is fatal for the frame, an
 // interrupted call included, and leaves the socket blocking: callers drop the connection.
 int CSocket::ReceivePayload(void* to, int length, int closureSeverity) {
-    windows::BlockingMode mode(*this, m_bBlocking, true);
+    windows::BlockingMode mode(*this, windows::RelaxedLoad(m_bBlocking), true);
     auto* position = static_cast<unsigned char*>(to);
     auto missing = static_cast<unsigned long>(length);
     while (missing > 0) {
@@ -278,7 +278,7 @@ int CSocket::ReceivePayload(void* to, int length, int closureSeverity) {
 }
 
 int CSocket::ReceiveBlock(ReceivedDataBlock& block, bool wait, unsigned int timeoutMs) {
-    if (m_fd == -1)
+    if (GetDescriptor() == -1)
         return kError;
     const int size = ReceiveLength(wait, timeoutMs);
     if (size < 1)
@@ -298,12 +298,12 @@ int CSocket::ReceiveBlock(ReceivedDataBlock& block, bool wait, unsigned int time
     }
     block.m_nLength = size;
     CLogger::PostLogEventF(LogTypeTraffic, LogSeverityInformation,
-                           "CSocket::Receive() binary data on %d: ", m_fd);
+                           "CSocket::Receive() binary data on %d: ", GetDescriptor());
     return size;
 }
 
 int CSocket::Receive(char*& text, bool wait, unsigned int timeoutMs) {
-    if (m_fd == -1)
+    if (GetDescriptor() == -1)
         return kError;
     const int length = ReceiveLength(wait, timeoutMs);
     if (length < 1)
@@ -318,7 +318,7 @@ int CSocket::Receive(char*& text, bool wait, unsigned int timeoutMs) {
         text = SysAllocString(buffer);
         if (text) {
             CLogger::PostLogEventFB(LogTypeTraffic, LogSeverityInformation,
-                                    "CSocket::Receive() on %d: ", text, m_fd);
+                                    "CSocket::Receive() on %d: ", text, GetDescriptor());
             result = length;
         } else {
             CLogger::PostLogEvent(LogTypeGeneral, LogSeverityFailure,
@@ -335,8 +335,8 @@ int CSocket::Receive(char*& text, bool wait, unsigned int timeoutMs) {
 // Sends in one call; what the socket takes in part counts as sent.
 template <typename Report>
 bool CSocket::SendBytes(const void* bytes, unsigned long size, Report reportFailure) {
-    windows::BlockingMode mode(*this, m_bBlocking, true);
-    const bool sent = send(m_fd, bytes, size, MSG_NOSIGNAL) >= 1;
+    windows::BlockingMode mode(*this, windows::RelaxedLoad(m_bBlocking), true);
+    const bool sent = send(GetDescriptor(), bytes, size, MSG_NOSIGNAL) >= 1;
     if (!sent)
         reportFailure();
     mode.Restore();
@@ -366,7 +366,7 @@ bool CSocket::SendFrame(const void* payload, unsigned long length, Report report
 }
 
 bool CSocket::Send(char* text) {
-    if (m_fd == -1) {
+    if (GetDescriptor() == -1) {
         CLogger::PostLogEvent(LogTypeTraffic, LogSeverityFailure,
                               "CSocket::Send() on -1 FAILED due to Invalid file descriptor", nullptr);
         return false;
@@ -374,7 +374,8 @@ bool CSocket::Send(char* text) {
     if (!text) {
         CLogger::PostLogEventF(
             LogTypeTraffic, LogSeverityNotice,
-            "CSocket::Send() on %d called with a NULL message (returning without sending anything)", m_fd);
+            "CSocket::Send() on %d called with a NULL message (returning without sending anything)",
+            GetDescriptor());
         return true;
     }
     const size_t length = strlen(text);
@@ -382,21 +383,21 @@ bool CSocket::Send(char* text) {
         CLogger::PostLogEventF(
             LogTypeTraffic, LogSeverityNotice,
             "CSocket::Send() on %d called with a zero length message (returning without sending anything)",
-            m_fd);
+            GetDescriptor());
         return true;
     }
     const bool sent = SendFrame(text, length, [this, text] {
         CLogger::PostLogEventFB(LogTypeTraffic, LogSeverityFailure,
-                                "CSocket::Send() on %d FAILED to send message", text, m_fd);
+                                "CSocket::Send() on %d FAILED to send message", text, GetDescriptor());
     });
     if (sent)
         CLogger::PostLogEventFB(LogTypeTraffic, LogSeverityInformation, "CSocket::Send() on %d: ", text,
-                                m_fd);
+                                GetDescriptor());
     return sent;
 }
 
 bool CSocket::SendBlock(unsigned char* data, unsigned long length) {
-    if (m_fd == -1) {
+    if (GetDescriptor() == -1) {
         CLogger::PostLogEvent(LogTypeTraffic, LogSeverityFailure,
                               "CSocket::SendBlock() on -1 FAILED due to Invalid file descriptor", nullptr);
         return false;
@@ -404,17 +405,19 @@ bool CSocket::SendBlock(unsigned char* data, unsigned long length) {
     if (length == 0) {
         CLogger::PostLogEventF(
             LogTypeTraffic, LogSeverityNotice,
-            "CSocket::SendBlock on %d called with 0 byte count (returning without sending anything)", m_fd);
+            "CSocket::SendBlock on %d called with 0 byte count (returning without sending anything)",
+            GetDescriptor());
         return true;
     }
     const bool sent = SendFrame(data, length, [this] { ReportBinaryFailure(); });
     if (sent)
-        CLogger::PostLogEventF(LogTypeTraffic, LogSeverityInformation, "CSocket::SendBlock() on %d: ", m_fd);
+        CLogger::PostLogEventF(LogTypeTraffic, LogSeverityInformation,
+                               "CSocket::SendBlock() on %d: ", GetDescriptor());
     return sent;
 }
 
 bool CSocket::SendMemFileWithLengthPrefix(CMemFile& file) {
-    if (m_fd == -1) {
+    if (GetDescriptor() == -1) {
         CLogger::PostLogEvent(
             LogTypeTraffic, LogSeverityFailure,
             "CSocket::SendMemFileWithLengthPrefix on -1 FAILED due to Invalid file descriptor", nullptr);
@@ -425,17 +428,17 @@ bool CSocket::SendMemFileWithLengthPrefix(CMemFile& file) {
             LogTypeTraffic, LogSeverityNotice,
             "CSocket::SendMemFileWithLengthPrefix on %d called with 0 byte count (returning "
             "without sending anything)",
-            m_fd);
+            GetDescriptor());
         return true;
     }
     const bool sent = SendBytes(file.m_pBuffer, file.m_uiFileLength, [this] { ReportBinaryFailure(); });
     if (sent)
         CLogger::PostLogEventF(LogTypeTraffic, LogSeverityTrace,
-                               "CSocket::SendMemFileWithLengthPrefix() on %d: ", m_fd);
+                               "CSocket::SendMemFileWithLengthPrefix() on %d: ", GetDescriptor());
     return sent;
 }
 
 void CSocket::ReportBinaryFailure() {
     CLogger::PostLogEventF(LogTypeTraffic, LogSeverityFailure,
-                           "CSocket::Send() on %d FAILED to send binary message", m_fd);
+                           "CSocket::Send() on %d FAILED to send binary message", GetDescriptor());
 }

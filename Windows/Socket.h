@@ -85,7 +85,7 @@ public:
     // of the rest. An empty file sends nothing and returns true.
     bool SendMemFileWithLengthPrefix(CMemFile& file);
 
-    int GetDescriptor() const { return m_fd; }
+    int GetDescriptor() const { return __atomic_load_n(&m_fd, __ATOMIC_RELAXED); }
 
     int m_fd; // -1 without a descriptor
 

@@ -50,8 +50,7 @@ constexpr unsigned int kReplyLimitMs = 30000;
 // How many bytes may wait for the client's thread, and at most for their replies. A single line always may.
 constexpr size_t kWindow = 65536;
 
-// What a line costs besides its bytes: in a buffer of the connection, too, a frame takes about that much
-// more.
+// What a line costs besides its bytes. A frame takes about that much more of a buffer of the connection, too.
 constexpr size_t kLineCost = 1024;
 
 struct Line {

@@ -577,6 +577,22 @@ TEST(Client, A_thousand_clients_are_destroyed_while_their_threads_wait) {
     EXPECT_TRUE(target.Seen().empty());
 }
 
+// Wherever the thread is by then: not begun, on its way to the wait, or in it.
+TEST(Client, May_be_destroyed_as_soon_as_it_is_constructed) {
+    Recorder::Pause();
+    RecordingTarget target;
+    ListenSocket listener;
+    for (int i = 0; i < 300; i++) {
+        std::unique_ptr<CClient> client(new CClient("127.0.0.1", listener.Port(), target));
+        Connection peer = listener.Accept();
+        for (int spins = i % 10 * 1000; spins > 0; spins--)
+            __asm__ volatile("" ::: "memory");
+        client.reset();
+        ASSERT_TRUE(peer.AtEnd());
+    }
+    EXPECT_TRUE(target.Seen().empty());
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // What other threads may call
 

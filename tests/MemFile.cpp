@@ -663,6 +663,16 @@ TEST(MemFile, WriteF_writes_nothing_when_the_format_fails) {
     EXPECT_EQ(State(file), "open 1 grow 16 size 0 length 0 position 0 no buffer");
 }
 
+TEST(MemFile, WriteF_writes_nothing_when_the_format_fails_the_second_time) {
+    CMemFile file(Buffer(10), 10, 0);
+    const std::string text(20000, 'x');
+    Interpose fail(Call::Vsnprintf);
+    fail.OnThisThread().OnCall(2).Return(-1);
+    file.WriteF("%s", text.c_str());
+    EXPECT_EQ(fail.Acted(), 1);
+    EXPECT_EQ(State(file), "open 1 grow 0 size 10 length 0 position 0");
+}
+
 TEST(MemFile, WriteF_writes_nothing_for_a_wide_character_that_cannot_be_converted) {
     CMemFile file(16U);
     file.WriteF("abc%lc", static_cast<wint_t>(0x20AC));
@@ -714,6 +724,14 @@ TEST(MemFile, WriteStrEntities_writes_piece_by_piece) {
     CallLog log({Call::Malloc, Call::Realloc});
     growing.WriteStrEntities("a<b");
     EXPECT_EQ(Sizes(log), (std::vector<long>{1, 5, 6}));
+}
+
+TEST(MemFile, WriteStrEntities_writes_a_run_of_plain_characters_at_once) {
+    CMemFile file(1U);
+    CallLog log({Call::Malloc, Call::Realloc});
+    file.WriteStrEntities("abc");
+    EXPECT_EQ(Sizes(log), (std::vector<long>{3}));
+    EXPECT_EQ(Content(file), "abc");
 }
 
 TEST(MemFile, WriteEntitiesF_ends_at_a_NUL_that_the_format_makes) {

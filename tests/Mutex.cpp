@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <functional>
@@ -59,7 +58,7 @@ static_assert(int(Normal) == PTHREAD_MUTEX_NORMAL && int(Recursive) == PTHREAD_M
                   int(ErrorChecking) == PTHREAD_MUTEX_ERRORCHECK,
               "the platform's own numbering");
 
-unsigned long Self() { return reinterpret_cast<unsigned long>(reinterpret_cast<void*>(pthread_self())); }
+unsigned long Self() { return static_cast<unsigned long>(pthread_self()); }
 
 // The events of CMutex, as the calling thread posts them.
 ExpectedEvent LockCalled(unsigned long timeout) {
@@ -109,7 +108,6 @@ public:
 
     void* Address() { return m_bytes; }
     CMutex& Mutex() { return *std::launder(reinterpret_cast<CMutex*>(m_bytes)); }
-    pthread_mutex_t* Raw() { return reinterpret_cast<pthread_mutex_t*>(m_bytes); }
 
 private:
     alignas(CMutex) unsigned char m_bytes[sizeof(CMutex)];

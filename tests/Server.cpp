@@ -396,6 +396,18 @@ TEST(Server, A_thousand_servers_are_destroyed_while_their_threads_wait) {
     EXPECT_TRUE(target.Seen().empty());
 }
 
+// Wherever the thread is by then: not begun, on its way to the wait, or in it.
+TEST(Server, May_be_destroyed_as_soon_as_it_is_constructed) {
+    Recorder::Pause();
+    RecordingTarget target;
+    for (int i = 0; i < 300; i++) {
+        CServer server(0, target);
+        for (int spins = i % 10 * 1000; spins > 0; spins--)
+            __asm__ volatile("" ::: "memory");
+    }
+    EXPECT_TRUE(target.Seen().empty());
+}
+
 TEST(Server, Destroyed_while_it_waits_keeps_clients_that_the_target_owns) {
     RecordingTarget target;
     SelectWatch watch;

@@ -30,7 +30,7 @@ const int RECURSIVE = 1;
 const int ERROR_CHECKING = 2;
 
 std::vector<ExpectedEvent> LockEvents() {
-    const unsigned long self = reinterpret_cast<unsigned long>(reinterpret_cast<void*>(pthread_self()));
+    const unsigned long self = static_cast<unsigned long>(pthread_self());
     return {
         {23, 8,
          Text("CMutex::Lock Being Called with a %lu millisecond timeout on thread %lx", 0xFFFFFFFFUL, self)},
@@ -38,7 +38,7 @@ std::vector<ExpectedEvent> LockEvents() {
 }
 
 std::vector<ExpectedEvent> UnlockEvents() {
-    const unsigned long self = reinterpret_cast<unsigned long>(reinterpret_cast<void*>(pthread_self()));
+    const unsigned long self = static_cast<unsigned long>(pthread_self());
     return {{23, 8, Text("CMutex::UnLock Being Called on thread %lx", self)},
             {23, 9, Text("CMutex::Unlock succeeeded on thread %lx", self)}};
 }

@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -528,6 +529,7 @@ TEST(XString, Constructors_make_what_they_are_given) {
         {"abc, -1", [] { return new XString("abc", -1); }, kFresh},
         {"NULL, 5", [] { return new XString(static_cast<const char*>(NULL), 5); }, kFresh},
         {"x, 3", [] { return new XString('x', 3); }, "'xxx' length 3 size 4 refs 1 block -1"},
+        {"x, 1", [] { return new XString('x', 1); }, "'x' length 1 size 2 refs 1 block -1"},
         {"x, 0", [] { return new XString('x', 0); }, kFresh},
         {"x, -1", [] { return new XString('x', -1); }, kFresh},
         {"NUL, 3", [] { return new XString('\0', 3); }, "'' length 3 size 4 refs 1 block -1"},
@@ -1091,6 +1093,7 @@ TEST(XString, Resize_of_an_unshared_string_rounds_and_of_a_shared_one_does_not) 
         {"abc", 100, 5, "'abc' length 3 size 16", "'abc' length 4 size 5"},
         {"abc", 100, 4, "'abc' length 3 size 16", "'abc' length 3 size 4"},
         {"abc", 100, 3, "'ab' length 2 size 16", "'ab' length 2 size 3"},
+        {"abc", 100, 2, "'a' length 1 size 16", "'a' length 1 size 2"},
         {"abc", 100, 1, "'' length 0 size 16", "'' length 0 size 1"},
         {"abc", 8, 16, "'abc' length 3 size 32", "'abc' length 7 size 16"},
         {"", 1, 2, "'' length 0 size 16", "'' length 0 size 2"},
@@ -1388,6 +1391,12 @@ TEST(XString, Operations_keep_the_balance_of_both_counters) {
         EXPECT_EQ(XString::m_iObjCount, strings);
         EXPECT_EQ(XStringData::m_iObjCount, headers + c.headers);
     }
+}
+
+TEST(XString, Counters_are_0_where_no_string_lives) {
+    // In a process that has run nothing else.
+    EXPECT_EXIT(_exit(XString::m_iObjCount == 0 && XStringData::m_iObjCount == 0 ? 0 : 1),
+                testing::ExitedWithCode(0), "");
 }
 
 TEST(XString, Counters_differ_by_the_shared_references) {

@@ -83,6 +83,16 @@ ExpectedEvent NonBstrEvent(const void* pointer) {
     return {11, 1, Text("SysFreeString called with a NON bstr!! %p", pointer)};
 }
 
+// Has the next block of this size most likely begin with other bytes than NULs. The size is one that the C
+// library does not keep apart for each thread.
+void LeaveDirt(size_t size) {
+    char* block = static_cast<char*>(malloc(size));
+    memset(block, 'z', size);
+    // Else the compiler would leave out the writes to a block that is freed.
+    __asm__ volatile("" : : "r"(block) : "memory");
+    free(block);
+}
+
 // The events of one hold of a lock.
 const std::vector<ExpectedEvent> kOneHold = {{23, 8, Like("CMutex::Lock Being Called with a 4294967295 *")},
                                              {23, 9, Like("CMutex::Lock returning true thread *")},
@@ -179,12 +189,40 @@ TEST(bstr, SysAllocStringLen_of_NULL_has_the_length_and_a_NUL_in_front) {
     EXPECT_EQ(Take(SysAllocStringLen(NULL, 0)), "");
 }
 
+TEST(bstr, SysAllocStringLen_ends_the_block_with_a_NUL_whatever_was_there) {
+    const unsigned long length = 20000;
+    LeaveDirt(length + 9);
+    BSTR text = SysAllocStringLen("abc", length);
+    EXPECT_EQ(text[length], '\0');
+    SysFreeString(text);
+    LeaveDirt(length + 9);
+    BSTR null = SysAllocStringLen(NULL, length);
+    EXPECT_EQ(null[0], '\0');
+    EXPECT_EQ(null[length], '\0');
+    SysFreeString(null);
+    LeaveDirt(length + 9);
+    BSTR whole = SysAllocString(std::string(length, 'x'));
+    EXPECT_EQ(whole[length], '\0');
+    SysFreeString(whole);
+}
+
 TEST(bstr, SysAllocStringLen_takes_one_block_of_9_bytes_more) {
     CallLog log({Call::Malloc, Call::Realloc, Call::Calloc});
     BSTR bstr = SysAllocStringLen("abc", 100);
     const std::vector<std::string> calls = log.Texts();
     EXPECT_EQ(calls, (std::vector<std::string>{"malloc(109)"}));
     SysFreeString(bstr);
+}
+
+TEST(bstr, SysAllocStringLen_asks_for_the_largest_block_that_32_bits_can_count) {
+    CallLog log({Call::Malloc});
+    Interpose fail(Call::Malloc);
+    fail.OnThisThread().Fail(ENOMEM);
+    BSTR bstr = SysAllocStringLen("abc", 0xFFFFFFFFUL - 9);
+    const std::vector<CallRecord> calls = log.Records();
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(static_cast<unsigned int>(calls[0].number), 0xFFFFFFFFU);
+    EXPECT_EQ(bstr, nullptr);
 }
 
 TEST(bstr, SysAllocStringLen_of_a_length_that_a_header_cannot_hold_is_NULL) {
@@ -215,15 +253,20 @@ TEST(bstr, SysFreeString_clears_the_signature_before_it_frees) {
     BSTR bstr = SysAllocString("abc");
     const char* text = bstr;
     uint32_t signature = kSignature;
+    uint32_t length = 0;
     int freed = 0;
     {
         Interpose free(Call::Free);
-        free.OnThisThread().Before([&] { signature = Word(text, -8); });
+        free.OnThisThread().Before([&] {
+            signature = Word(text, -8);
+            length = Word(text, -4);
+        });
         SysFreeString(bstr);
         freed = free.Acted();
     }
     EXPECT_EQ(freed, 1);
     EXPECT_EQ(signature, 0U);
+    EXPECT_EQ(length, 3U);
 }
 
 TEST(bstr, SysFreeString_of_something_else_logs_and_leaves_it) {
@@ -399,6 +442,8 @@ TEST(bstr, Lock_is_recursive) {
         SysFreeString(text);
     }
     EXPECT_EQ(length, 5U);
+    EXPECT_EQ(Recorder::Count([](const Event& event) { return event.type == 23 && event.severity == 1; }), 0)
+        << "no lock or unlock failed";
     SysFreeString(inner);
 }
 
@@ -947,6 +992,9 @@ TEST(bstr, Append_of_a_wrapper) {
     EXPECT_EQ(&(b += other), &b);
     EXPECT_EQ(Content(b.getData()), "abcd");
     EXPECT_EQ(Content(other.getData()), "cd");
+    _bstr_t one("e");
+    b += one;
+    EXPECT_EQ(Content(b.getData()), "abcde");
 }
 
 TEST(bstr, Append_of_an_empty_wrapper_does_nothing) {

@@ -23,6 +23,15 @@
 #include "support/recording_host.h"
 #include "support/text.h"
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define UNDER_THREAD_SANITIZER 1
+#endif
+#endif
+#ifdef __SANITIZE_THREAD__
+#define UNDER_THREAD_SANITIZER 1
+#endif
+
 namespace {
 
 struct Layout {
@@ -209,6 +218,17 @@ TEST(event, Destruction_destroys_the_condition_while_the_mutex_lives) {
     event->~CEvent();
     t_calls = nullptr;
     EXPECT_EQ(calls.texts, (Strings{"pthread_cond_destroy()", "the mutex lives"}));
+}
+
+TEST(event, Destruction_destroys_the_mutex) {
+#ifdef UNDER_THREAD_SANITIZER
+    GTEST_SKIP() << "ThreadSanitizer reports the use of a destroyed mutex";
+#endif
+    alignas(CEvent) unsigned char storage[sizeof(CEvent)];
+    CEvent* event = new (storage) CEvent(true, false);
+    pthread_mutex_t* mutex = LockOf(*event);
+    event->~CEvent();
+    EXPECT_EQ(pthread_mutex_trylock(mutex), EINVAL); // what a destroyed mutex answers
 }
 
 TEST(event, Destruction_ignores_failure) {

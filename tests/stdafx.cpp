@@ -1,8 +1,7 @@
 #include <Windows/stdafx.h>
 
-#include <stdlib.h>
-
 #include <functional>
+#include <vector>
 
 #include <gtest/gtest.h>
 

@@ -52,7 +52,7 @@ static_assert(std::is_same<HANDLE, HANDLESTRUCT*>::value, "not a void*");
 
 enum Kind { Normal = 0, Recursive = 1, ErrorChecking = 2 };
 
-unsigned long Self() { return reinterpret_cast<unsigned long>(reinterpret_cast<void*>(pthread_self())); }
+unsigned long Self() { return static_cast<unsigned long>(pthread_self()); }
 
 // A handle that is closed at the end of the scope.
 class Handle {

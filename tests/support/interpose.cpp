@@ -81,11 +81,7 @@ std::vector<std::shared_ptr<CallLog::State>>& Logs() {
     return *logs;
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-
-extern "C" void* __interceptor_malloc(size_t);
-
-// Where a shared object that is loaded at this address lies.
+// Where a shared object that is loaded at this address lies; nowhere for 0.
 struct Range {
     EARLY explicit Range(uintptr_t base) : begin(base), end(base) {
         if (base == 0)
@@ -97,6 +93,12 @@ struct Range {
                 end = base + segment[i].p_vaddr + segment[i].p_memsz; // ascending
     }
 
+    // The object that a function is in, if there is that function.
+    EARLY static Range Around(void* function) {
+        Dl_info info;
+        return Range(function && dladdr(function, &info) ? reinterpret_cast<uintptr_t>(info.dli_fbase) : 0);
+    }
+
     EARLY bool Contains(const void* address) const {
         const uintptr_t value = reinterpret_cast<uintptr_t>(address);
         return value >= begin && value < end;
@@ -106,20 +108,18 @@ struct Range {
     uintptr_t end;
 };
 
-// The sanitizer's runtime reads files for its reports, and must not be disturbed then.
-EARLY bool IsRuntime(const void* caller) {
-    Dl_info info;
-    static const Range runtime(dladdr(reinterpret_cast<void*>(__interceptor_malloc), &info)
-                                   ? reinterpret_cast<uintptr_t>(info.dli_fbase)
-                                   : 0);
-    return runtime.Contains(caller);
+// The runtimes of sanitizers call the C library for their checks and reports, and must not be disturbed.
+extern "C" {
+__attribute__((weak)) void* __interceptor_malloc(size_t);
+__attribute__((weak)) void __ubsan_handle_dynamic_type_cache_miss_abort();
 }
 
-#else
-
-inline bool IsRuntime(const void*) { return false; }
-
-#endif
+EARLY bool IsRuntime(const void* caller) {
+    static const Range sanitizer = Range::Around(reinterpret_cast<void*>(__interceptor_malloc));
+    static const Range undefinedBehavior =
+        Range::Around(reinterpret_cast<void*>(__ubsan_handle_dynamic_type_cache_miss_abort));
+    return sanitizer.Contains(caller) || undefinedBehavior.Contains(caller);
+}
 
 EARLY inline bool IsWatchedFrom(const void* caller, Call call) {
     return __atomic_load_n(&g_watchers[static_cast<int>(call)], __ATOMIC_RELAXED) != 0 && t_bypass == 0 &&
