@@ -4,14 +4,15 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -71,13 +72,19 @@ bool IsFree(CMutex& mutex) {
     return true;
 }
 
+// Lets others run before something in /proc is looked at again.
+void Breathe() {
+    const timespec moment = {0, 100000};
+    nanosleep(&moment, nullptr);
+}
+
 // Waits until at most this many threads are left.
 bool ThreadsGoDownTo(size_t count) {
     const Deadline deadline = Deadline::Long();
     while (Resources::Threads().size() > count) {
         if (deadline.Passed())
             return false;
-        sched_yield();
+        Breathe();
     }
     return true;
 }
@@ -96,7 +103,7 @@ bool FallsAsleep(int tid) {
         const char* name = size > 0 ? strrchr(text, ')') : nullptr;
         if (name && name[2] == 'S')
             return true;
-        sched_yield();
+        Breathe();
     } while (!deadline.Passed());
     return false;
 }
@@ -104,46 +111,48 @@ bool FallsAsleep(int tid) {
 // What the threads of these tests leave behind for them to see.
 std::atomic<int> g_runs;    // thread functions that began
 std::atomic<int> g_escapes; // threads that went on after their object had gone
-std::atomic<int> g_tid;
 
-void ResetCounters() { g_runs = g_escapes = g_tid = 0; }
+void ResetCounters() { g_runs = g_escapes = 0; }
 
 unsigned int ReturnAtOnce(void*) {
     g_runs++;
     return 0;
 }
 
-// Waits for a message that never comes. The parameter points at the time-out.
-unsigned int WaitInGetMessage(void* timeoutMs) {
+const unsigned int NO_TIMEOUT = 0;
+const unsigned int LONG_TIMEOUT = 100000000;
+
+// Waits for a message that never comes.
+template <unsigned int timeoutMs> unsigned int WaitInGetMessage(void* tid) {
     g_runs++;
-    g_tid = static_cast<int>(syscall(SYS_gettid));
+    if (tid)
+        *static_cast<std::atomic<int>*>(tid) = static_cast<int>(syscall(SYS_gettid));
     MSG msg;
-    ::GetMessage(&msg, nullptr, 0, 0, *static_cast<const unsigned int*>(timeoutMs), false);
+    ::GetMessage(&msg, nullptr, 0, 0, timeoutMs, false);
     g_escapes++;
     return 0;
 }
 
-unsigned int g_noTimeout = 0;
-unsigned int g_longTimeout = 100000000;
-
 class InheritsMain : public CWinThread {};
 
-// A thread that is asleep in the read or select of GetMessage when the constructor returns.
-class BlockedThread {
+// Threads that are asleep in the read or select of GetMessage when the constructor returns.
+template <unsigned int timeoutMs, int count> class BlockedThreads {
 public:
-    explicit BlockedThread(unsigned int* timeoutMs) {
-        const Call call = *timeoutMs ? Call::Select : Call::Read;
+    BlockedThreads() {
+        const Call call = timeoutMs ? Call::Select : Call::Read;
         CallLog calls({call}, CallLog::AllThreads);
-        m_thread.reset(AfxBeginThread(WaitInGetMessage, timeoutMs));
-        m_asleep = calls.WaitFor(call) && FallsAsleep(g_tid);
+        for (int i = 0; i < count; i++)
+            m_threads[i].reset(AfxBeginThread(WaitInGetMessage<timeoutMs>, &m_tids[i]));
+        m_asleep = calls.WaitFor(call, count);
+        for (int i = 0; i < count && m_asleep; i++)
+            m_asleep = FallsAsleep(m_tids[i]);
     }
 
-    bool IsAsleep() const { return m_asleep; }
-    CWinThread* operator->() const { return m_thread.get(); }
-    void Destroy() { m_thread.reset(); }
+    bool AreAsleep() const { return m_asleep; }
 
 private:
-    std::unique_ptr<CWinThread> m_thread;
+    std::atomic<int> m_tids[count] = {}; // outlives the threads
+    std::unique_ptr<CWinThread> m_threads[count];
     bool m_asleep;
 };
 
@@ -183,34 +192,46 @@ struct Footprint {
 // The C library keeps at most 40 MiB of stacks of ended threads for new ones; each stack has its guard.
 const size_t CACHED_STACK_MAPPINGS = 2 * (40 << 20) / 0x40000;
 
-template <class Round> void Stress(Round round) {
+// Repeats a round that destroys some objects, until they are enough or it takes too long on a busy machine.
+// Returns the number of objects, those of the warming up included.
+template <class Round> int Stress(Round round, int perRound = 1) {
     ResetCounters();
     Recorder::Pause();
     const int warmUp = 200;
-    const int count = StressCount();
+    const int count = warmUp + StressCount();
     const size_t threads = Resources::Threads().size();
+    const Deadline limit =
+        Deadline::In(std::chrono::milliseconds(static_cast<long>(40000 * Deadline::Multiplier())));
     std::unique_ptr<Footprint> before;
-    for (int i = 0; i < warmUp + count && !testing::Test::HasFailure(); i++) {
-        if (i == warmUp || i % 100 == 0) {
-            ASSERT_TRUE(ThreadsGoDownTo(threads));
+    int done = 0;
+    const auto repeat = [&] {
+        for (; done < count && !limit.Passed() && !testing::Test::HasFailure(); done += perRound) {
+            if (done % 100 == 0) {
+                ASSERT_TRUE(ThreadsGoDownTo(threads));
+            }
+            if (done == warmUp)
+                before = std::make_unique<Footprint>();
+            round();
         }
-        if (i == warmUp)
-            before = std::make_unique<Footprint>();
-        round();
-    }
-    ASSERT_TRUE(ThreadsGoDownTo(threads));
-    ASSERT_TRUE(before) << "it ended while warming up";
-    const Footprint after;
-    printf("%d objects destroyed\n", count);
+    };
+    repeat();
+    printf("%d objects destroyed after %d for warming up\n", done - warmUp, warmUp);
+    const auto check = [&] {
+        ASSERT_TRUE(ThreadsGoDownTo(threads));
+        ASSERT_TRUE(before) << "it ended while warming up";
+        const Footprint after;
 
-    EXPECT_EQ(after.descriptors, before->descriptors);
-    EXPECT_EQ(after.threads, before->threads);
-    EXPECT_EQ(after.registered, before->registered);
+        EXPECT_EQ(after.descriptors, before->descriptors);
+        EXPECT_EQ(after.threads, before->threads);
+        EXPECT_EQ(after.registered, before->registered);
 #if !UNDER_THREAD_SANITIZER && !UNDER_ADDRESS_SANITIZER // they keep memory of their own
-    EXPECT_LE(after.mappings, before->mappings + CACHED_STACK_MAPPINGS + 50);
-    EXPECT_LE(after.heap, before->heap + 64 * 1024);
+        EXPECT_LE(after.mappings, before->mappings + CACHED_STACK_MAPPINGS + 50);
+        EXPECT_LE(after.heap, before->heap + 64 * 1024);
 #endif
-    EXPECT_TRUE(IsFree(CWinThread::m_mapMutex));
+        EXPECT_TRUE(IsFree(CWinThread::m_mapMutex));
+    };
+    check();
+    return done;
 }
 
 // A destroyed thread that is blocked in read() has its pipe closed under it, as the object goes first and the
@@ -220,20 +241,12 @@ const char* const CLOSE_IS_CALLED_A_RACE = "ThreadSanitizer reports each close()
 TEST(WinThreadDestruction, Thousands_blocked_in_read_leave_nothing_and_never_run_on) {
     if (UNDER_THREAD_SANITIZER)
         GTEST_SKIP() << CLOSE_IS_CALLED_A_RACE;
-    Stress([] {
-        BlockedThread thread(&g_noTimeout);
-        ASSERT_TRUE(thread.IsAsleep());
-        thread.Destroy();
-    });
+    Stress([] { ASSERT_TRUE((BlockedThreads<NO_TIMEOUT, 20>().AreAsleep())); }, 20);
     EXPECT_EQ(g_escapes, 0);
 }
 
 TEST(WinThreadDestruction, Thousands_blocked_in_select_leave_nothing_and_never_run_on) {
-    Stress([] {
-        BlockedThread thread(&g_longTimeout);
-        ASSERT_TRUE(thread.IsAsleep());
-        thread.Destroy();
-    });
+    Stress([] { ASSERT_TRUE((BlockedThreads<LONG_TIMEOUT, 20>().AreAsleep())); }, 20);
     EXPECT_EQ(g_escapes, 0);
 }
 
@@ -248,18 +261,18 @@ TEST(WinThreadDestruction, Thousands_never_resumed_at_one_address_leave_nothing_
 }
 
 TEST(WinThreadDestruction, Thousands_just_resumed_that_return_at_once_leave_nothing) {
-    Stress([] { delete AfxBeginThread(ReturnAtOnce, nullptr); });
-    EXPECT_LE(g_runs, StressCount() + 200);
+    const int count = Stress([] { delete AfxBeginThread(ReturnAtOnce, nullptr); });
+    EXPECT_LE(g_runs, count);
 }
 
 TEST(WinThreadDestruction, Thousands_just_resumed_that_wait_for_a_message_leave_nothing) {
     if (UNDER_THREAD_SANITIZER)
         GTEST_SKIP() << CLOSE_IS_CALLED_A_RACE;
-    Stress([] { delete AfxBeginThread(WaitInGetMessage, &g_noTimeout); });
+    Stress([] { delete AfxBeginThread(WaitInGetMessage<NO_TIMEOUT>, nullptr); });
 }
 
 TEST(WinThreadDestruction, Thousands_just_resumed_that_wait_with_a_timeout_leave_nothing) {
-    Stress([] { delete AfxBeginThread(WaitInGetMessage, &g_longTimeout); });
+    Stress([] { delete AfxBeginThread(WaitInGetMessage<LONG_TIMEOUT>, nullptr); });
 }
 
 TEST(WinThreadDestruction, Thousands_just_resumed_with_an_inherited_Main_leave_nothing) {
@@ -270,11 +283,16 @@ TEST(WinThreadDestruction, Thousands_just_resumed_with_an_inherited_Main_leave_n
 }
 
 TEST(WinThreadDestruction, Thousands_exited_leave_nothing) {
-    Stress([] {
-        std::unique_ptr<CWinThread> thread(AfxBeginThread(ReturnAtOnce, nullptr));
-        ASSERT_TRUE(Ends(*thread));
-    });
-    EXPECT_EQ(g_runs, StressCount() + 200);
+    const int count = Stress(
+        [] {
+            std::unique_ptr<CWinThread> threads[20];
+            for (auto& thread : threads)
+                thread.reset(AfxBeginThread(ReturnAtOnce, nullptr));
+            for (auto& thread : threads)
+                ASSERT_TRUE(Ends(*thread));
+        },
+        20);
+    EXPECT_EQ(g_runs, count);
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -735,37 +753,37 @@ TEST(WinThreadDestruction, A_reader_that_is_cancelled_while_it_drains_finishes_t
 
 // A thread that locks, posts to others and looks threads up, over and over.
 Thread* g_target;
-std::atomic<int> g_posts;
+std::atomic<int> g_loops;
 
 unsigned int LockAndPost(void*) {
-    g_runs++;
-    for (;;) {
+    for (int n = 0;; n++) {
         { CSingleLock lock(&g_mutex); }
-        PostThreadMessage(g_target->m_nThreadID, 1, 0, nullptr);
-        g_posts++; // also orders what the thread did before what its destroyer does
+        if (n < 100)
+            PostThreadMessage(g_target->m_nThreadID, 1, 0, nullptr);
+        else
+            CWinThread::MapIdToWinThread(g_target->m_nThreadID);
+        g_loops++; // also orders what the thread did before what comes after its end
         pthread_testcancel();
     }
 }
 
 TEST(WinThreadDestruction, Threads_cancelled_among_locks_and_posts_leave_every_lock_free) {
-    ResetCounters();
     Recorder::Pause();
     Thread target(ReturnAtOnce, nullptr);
     g_target = &target;
-    const int rounds = 200;
-    for (int i = 0; i < rounds; i++) {
+    for (int i = 0; i < 200; i++) {
         const size_t threads = Resources::Threads().size();
+        const Deadline deadline = Deadline::Long();
+        g_loops = 0;
         CWinThread* thread = AfxBeginThread(LockAndPost, nullptr);
-        while (g_runs <= i)
-            sched_yield();
-        MSG msg;
-        for (int taken = 0; taken < 20;)
-            taken += target.PeekMessage(&msg, 0, 0);
+        while (g_loops <= i % 50 && !deadline.Passed())
+            Breathe();
         delete thread;
         ASSERT_TRUE(ThreadsGoDownTo(threads));
-        ASSERT_GT(g_posts, i);
+        ASSERT_GT(g_loops, i % 50);
         ASSERT_TRUE(IsFree(g_mutex));
         ASSERT_TRUE(IsFree(CWinThread::m_mapMutex));
+        MSG msg;
         while (target.PeekMessage(&msg, 0, 0)) {
         }
         ASSERT_EQ(target.PostMessage(1, 0, nullptr), 1);

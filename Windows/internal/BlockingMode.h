@@ -6,20 +6,19 @@
 #ifndef WINDOWS_INTERNAL_BLOCKINGMODE_H
 #define WINDOWS_INTERNAL_BLOCKINGMODE_H
 
-#include <Windows/Socket.h>
-
 namespace windows {
 
-class BlockingMode {
+// Socket is CSocket or one of its subclasses.
+template <typename Socket> class BlockingMode {
 public:
-    BlockingMode(CSocket& socket, bool before, bool wanted) : m_socket(socket), m_before(before) {
+    BlockingMode(Socket& socket, bool before, bool wanted) : m_socket(socket), m_before(before) {
         m_socket.SetBlockingMode(wanted);
     }
 
     void Restore() { m_socket.SetBlockingMode(m_before); }
 
 private:
-    CSocket& m_socket;
+    Socket& m_socket;
     const bool m_before;
 };
 
