@@ -527,6 +527,12 @@ TEST(XStringFormat, Empty_formats_leave_a_sharer_alone) {
         EXPECT_EQ(State(a), "'' length 0 size 4 refs 1 block -1");
         EXPECT_EQ(State(otherA), "'abc' length 3 size 4 refs 1 block -1");
 
+        XString two("x");
+        const XString otherTwo(two);
+        FormatAny(two, format);
+        EXPECT_EQ(State(two), "'' length 0 size 2 refs 1 block -1");
+        EXPECT_EQ(State(otherTwo), "'x' length 1 size 2 refs 1 block -1");
+
         XString b;
         const XString otherB(b);
         FormatAny(b, format);
