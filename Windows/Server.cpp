@@ -74,7 +74,8 @@ void CServer::Start(int port, const Texts& texts) {
 CServer::~CServer() {
     const windows::NoCancellation noCancellation;
     LogLife("CServer::~CServer() called!");
-    windows::ThreadLife::Claim(*this); // the thread uses the members that go now
+    if (m_nThreadID != 0)
+        windows::ThreadLife::Claim(*this); // the thread uses the members that go now
 }
 
 void CServer::AddHandler() { LogLife("CServer::AddHandler() called!"); }

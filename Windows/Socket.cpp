@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <memory>
 #include <new>
 
 #include <host/Logger.h>
@@ -308,14 +309,15 @@ int CSocket::Receive(char*& text, bool wait, unsigned int timeoutMs) {
     const int length = ReceiveLength(wait, timeoutMs);
     if (length < 1)
         return length;
-    auto* buffer = new (std::nothrow) char[static_cast<size_t>(length) + 1];
+    // Owned, as a thread may be cancelled while it receives.
+    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(length) + 1]);
     if (!buffer)
         return kError;
-    int result = ReceivePayload(buffer, length, LogSeverityFailure);
+    int result = ReceivePayload(buffer.get(), length, LogSeverityFailure);
     if (result == 0) {
         buffer[length] = '\0';
         SysFreeString(text);
-        text = SysAllocString(buffer);
+        text = SysAllocString(buffer.get());
         if (text) {
             CLogger::PostLogEventFB(LogTypeTraffic, LogSeverityInformation,
                                     "CSocket::Receive() on %d: ", text, GetDescriptor());
@@ -326,7 +328,6 @@ int CSocket::Receive(char*& text, bool wait, unsigned int timeoutMs) {
             result = kError;
         }
     }
-    delete[] buffer;
     return result;
 }
 
@@ -346,23 +347,21 @@ bool CSocket::SendBytes(const void* bytes, unsigned long size, Report reportFail
 // Puts prefix and payload together, in the object's own buffer if they fit, and sends them.
 template <typename Report>
 bool CSocket::SendFrame(const void* payload, unsigned long length, Report reportFailure) {
-    unsigned char* allocated = nullptr;
+    // Owned, as a thread may be cancelled while it sends.
+    std::unique_ptr<void, decltype(&free)> allocated(nullptr, free);
     unsigned char* frame = m_sendBuffer;
     if (length > sizeof m_sendBuffer - kPrefixSize) {
-        allocated = length <= SIZE_MAX - kPrefixSize
-                        ? static_cast<unsigned char*>(malloc(length + kPrefixSize))
-                        : nullptr;
+        if (length <= SIZE_MAX - kPrefixSize)
+            allocated.reset(malloc(length + kPrefixSize));
         if (!allocated) {
             reportFailure();
             return false;
         }
-        frame = allocated;
+        frame = static_cast<unsigned char*>(allocated.get());
     }
     EncodeLength(length, frame);
     memcpy(frame + kPrefixSize, payload, length);
-    const bool sent = SendBytes(frame, length + kPrefixSize, reportFailure);
-    free(allocated);
-    return sent;
+    return SendBytes(frame, length + kPrefixSize, reportFailure);
 }
 
 bool CSocket::Send(char* text) {

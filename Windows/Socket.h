@@ -52,7 +52,8 @@ public:
     // Closes the descriptor and returns what close() returned; -1 without one.
     int Close();
 
-    // Switches the mode. Trusts its own record of it: nothing else may change the descriptor's flags.
+    // Switches the mode; false, with the reason in the log, if that fails. Trusts its own record of it:
+    // nothing else may change the descriptor's flags.
     bool SetBlockingMode(bool blocking);
 
     // Whether at least one byte can be read. closed tells that the peer has closed or that the socket failed,

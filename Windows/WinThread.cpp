@@ -352,6 +352,8 @@ int CWinThread::LockoutMsgQueue() {
 int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/, unsigned int timeoutMs,
                            bool timeoutResult) {
     windows::ObjectUse use;
+    if (!use)
+        return 0;
     if (m_readDesc == -1 || !pMsg) {
         CLogger::PostLogEvent(LogTypeGeneral, LogSeverityFailure,
                               "CWinThread::GetMessage : msg ptr NULL || read desc invalid (FAILING)",
@@ -375,6 +377,8 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
             use.Pause();
             const int ready = WaitForRecord(readDesc, timeoutMs);
             use.Resume();
+            if (!use)
+                return 0;
             if (ready == 0) {
                 pMsg->message = 0;
                 return timeoutResult;
@@ -411,7 +415,7 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
 
 int CWinThread::PeekMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/) {
     windows::ObjectUse use;
-    if (m_readDesc == -1 || !pMsg)
+    if (!use || m_readDesc == -1 || !pMsg)
         return 0;
     pMsg->message = 0;
     int waiting = 0;
@@ -447,6 +451,8 @@ long CWinThread::ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use) {
         error = errno;
     }
     use.Resume();
+    if (!use)
+        return count;
     DrainOverflow();
     m_readMutex.Unlock();
     return count;
@@ -457,7 +463,8 @@ long CWinThread::ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use) {
 void CWinThread::DrainOverflow() {
     const CSingleLock lock(&m_overflowMutex);
     while (m_pOverflowHead) {
-        if (write(m_writeDesc, &m_pOverflowHead->record, sizeof(MSG)) == -1 && errno == EAGAIN)
+        if (write(windows::RelaxedLoad(m_writeDesc), &m_pOverflowHead->record, sizeof(MSG)) == -1 &&
+            errno == EAGAIN)
             return;
         OverflowNode* node = m_pOverflowHead;
         m_pOverflowHead = node->next;
@@ -498,7 +505,7 @@ int PostThreadMessage(unsigned long threadId, unsigned int message, unsigned lon
 int GetMessage(MSG* pMsg, void* /*window*/, unsigned int min, unsigned int max, unsigned int timeoutMs,
                bool timeoutResult) {
     const windows::ObjectUse use;
-    CWinThread* thread = CWinThread::MapIdToWinThread(GetCurrentThreadId());
+    CWinThread* thread = use ? CWinThread::MapIdToWinThread(GetCurrentThreadId()) : nullptr;
     return thread ? thread->GetMessage(pMsg, min, max, timeoutMs, timeoutResult) : 0;
 }
 
@@ -507,7 +514,7 @@ int PeekMessage(MSG* pMsg, void* /*window*/, unsigned int min, unsigned int max,
     if (removeFlag == PM_REMOVE)
         return 1;
     const windows::ObjectUse use;
-    CWinThread* thread = CWinThread::MapIdToWinThread(GetCurrentThreadId());
+    CWinThread* thread = use ? CWinThread::MapIdToWinThread(GetCurrentThreadId()) : nullptr;
     return thread ? thread->PeekMessage(pMsg, min, max) : 0;
 }
 

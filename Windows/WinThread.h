@@ -126,7 +126,7 @@ public:
 
     // The two ends of the queue; -1 when closed. A loop of the application's may select() on the read end and
     // then takes the message with PeekMessage. On the thread of a CServer or CClient, closing the read end
-    // and setting it to -1 ends the loop.
+    // and setting it to -1 makes the next select() fail, which ends the loop.
     int m_readDesc;  // blocking
     int m_writeDesc; // not blocking
 

@@ -59,7 +59,8 @@ long GetNumBSTRsAllocated();
 // Owns one BSTR, or NULL. Copies are deep, of the text up to its first NUL.
 //
 // There is no assignment from a const _bstr_t&: such an assignment goes through the text, and from itself it
-// reads what it has just freed. Allocation failures leave NULL.
+// reads what it has just freed. Allocation failures leave NULL, but for +=,
+// which then writes through NULL and faults.
 class _bstr_t {
 public:
     _bstr_t();

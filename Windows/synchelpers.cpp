@@ -44,18 +44,17 @@ HANDLE CreateHandle(unsigned long tag, void* object) {
     return new HANDLESTRUCT{static_cast<unsigned int>(tag), object};
 }
 
+// The record comes first: an owned mutex could not be given up again if there were no memory for it.
 HANDLE CreateMutex(const void* /*attributes*/, bool bInitialOwner, void* /*name*/, int kind) {
-    auto mutex = std::make_unique<CMutex>(kind, bInitialOwner);
-    HANDLE h = CreateHandle(HANDLE_TYPE_MUTEX, mutex.get());
-    static_cast<void>(mutex.release());
-    return h;
+    std::unique_ptr<HANDLESTRUCT> record(CreateHandle(HANDLE_TYPE_MUTEX, nullptr));
+    record->m_pObject = new CMutex(kind, bInitialOwner);
+    return record.release();
 }
 
 HANDLE CreateEvent(bool bManualReset, bool bInitialState) {
-    auto event = std::make_unique<CEvent>(bManualReset, bInitialState);
-    HANDLE h = CreateHandle(HANDLE_TYPE_EVENT, event.get());
-    static_cast<void>(event.release());
-    return h;
+    std::unique_ptr<HANDLESTRUCT> record(CreateHandle(HANDLE_TYPE_EVENT, nullptr));
+    record->m_pObject = new CEvent(bManualReset, bInitialState);
+    return record.release();
 }
 
 HANDLE CreateEvent(const void* /*attributes*/, bool bManualReset, bool bInitialState, const void* /*name*/) {

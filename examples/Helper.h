@@ -8,6 +8,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include <Windows/WinThread.h>
@@ -19,7 +20,10 @@
 class Helper {
 public:
     explicit Helper(std::function<void()> work)
-        : m_work(std::move(work)), m_thread(AfxBeginThread(Run, this)) {}
+        : m_work(std::move(work)), m_thread(AfxBeginThread(Run, this)) {
+        if (!m_thread)
+            throw std::bad_alloc();
+    }
     ~Helper() { WaitForSingleObject(m_thread->m_hThread, INFINITE); }
 
     Helper(const Helper&) = delete;

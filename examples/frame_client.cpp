@@ -216,6 +216,9 @@ private:
         if (length <= 0) {
             Fail(length == 0 ? "the server does not answer" : kServerClosed);
             m_unanswered.clear();
+            // Unread data would keep the client's thread turning for ever.
+            m_descriptor = -1;
+            Client().m_clientSocket.Close();
             return false;
         }
         ++m_replies;

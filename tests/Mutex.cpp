@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 #include <functional>

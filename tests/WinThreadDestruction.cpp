@@ -276,6 +276,9 @@ TEST(WinThreadDestruction, Thousands_just_resumed_that_wait_with_a_timeout_leave
 }
 
 TEST(WinThreadDestruction, Thousands_just_resumed_with_an_inherited_Main_leave_nothing) {
+    if (UNDER_THREAD_SANITIZER)
+        GTEST_SKIP()
+            << "the destructor of a subclass changes the class of the object before the library's begins";
     Stress([] {
         InheritsMain thread;
         thread.ResumeThread();
@@ -502,15 +505,18 @@ TEST(WinThreadDestruction, Everything_that_was_allocated_is_released) {
 }
 
 TEST(WinThreadDestruction, A_handle_that_the_application_closed_is_not_closed_again) {
+    ResetCounters();
+    const size_t threads = Resources::Threads().size();
     auto suspended = std::make_unique<Thread>(ReturnAtOnce, nullptr);
     CloseHandle(suspended->m_hThread);
     suspended.reset();
+    ASSERT_TRUE(ThreadsGoDownTo(threads));
 
     auto exited = std::make_unique<Thread>(ReturnAtOnce, nullptr);
-    const size_t threads = Resources::Threads().size();
     CloseHandle(exited->m_hThread);
     exited->ResumeThread();
-    ASSERT_TRUE(ThreadsGoDownTo(threads - 1));
+    ASSERT_TRUE(ThreadsGoDownTo(threads));
+    EXPECT_EQ(g_runs, 1);
     exited.reset();
 }
 

@@ -272,7 +272,10 @@ TEST(WinThreadQueue, PostMessage_counts_after_every_lock_is_released) {
     Queue queue;
     queue.m_nPostedCount = 7;
     std::vector<int> counts;
-    Recorder::Hook hook([&](const Event&) { counts.push_back(queue.m_nPostedCount); });
+    Recorder::Hook hook([&, self = pthread_self()](const Event& event) {
+        if (pthread_equal(event.thread, self))
+            counts.push_back(queue.m_nPostedCount);
+    });
     queue.Post(1);
     EXPECT_EQ(counts, (std::vector<int>{7, 7, 7, 7}));
     EXPECT_EQ(queue.m_nPostedCount, 8);
@@ -808,8 +811,8 @@ TEST(WinThreadQueue, GetMessage_sets_the_number_to_0_before_it_locks_and_reads) 
     MSG msg = Marked();
     std::vector<unsigned int> numbers;
     {
-        Recorder::Hook hook([&](const Event& event) {
-            if (event.severity == 8)
+        Recorder::Hook hook([&, self = pthread_self()](const Event& event) {
+            if (event.severity == 8 && pthread_equal(event.thread, self))
                 numbers.push_back(msg.message);
         });
         EXPECT_EQ(queue.GetMessage(&msg, 0, 0, 0, false), 1);

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stddef.h>
 
 #include <atomic>
@@ -285,6 +286,26 @@ TEST(synchelpers, Creating_without_memory_throws_and_leaves_nothing) {
 
 TEST(synchelpers, Creating_an_owned_mutex_without_memory_throws_and_leaves_nothing) {
     EXPECT_EQ(FailEachAllocation([] { return NewMutex(Normal, true); }), 2);
+}
+
+TEST(synchelpers, Creating_an_owned_mutex_without_memory_destroys_no_mutex_that_is_held) {
+    for (int n = 1; n <= 2; n++) {
+        SCOPED_TRACE(Text("allocation %d", n));
+        Recorder::Clear();
+        bool happened;
+        {
+            FailAllocation fail(n, FailAllocation::OnlyNew);
+            try {
+                NewMutex(Normal, true);
+            } catch (const std::bad_alloc&) {
+            }
+            fail.Stop();
+            happened = fail.Happened();
+        }
+        EXPECT_TRUE(happened);
+        EXPECT_EQ(Recorder::Count(23, 9, Like("CMutex::Lock returning true thread *")),
+                  Recorder::Count(23, 9, Like("CMutex::Unlock succeeeded on thread *")));
+    }
 }
 
 TEST(synchelpers, Functions_are_exported_under_encoded_names_only) {

@@ -1,7 +1,5 @@
 #include <Windows/internal/ThreadLife.h>
 
-#include <unistd.h>
-
 #include <Windows/internal/Cancellation.h>
 
 namespace windows {
@@ -53,12 +51,6 @@ ThreadLife* g_first = nullptr;
 // linker's help at each access, and with it a dependency on the dynamic linker.
 __attribute__((tls_model("initial-exec"))) thread_local ThreadLife* t_own = nullptr;
 
-[[noreturn]] void WaitForCancellation() {
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    for (;;)
-        pause();
-}
-
 } // namespace
 
 void ThreadLife::Begin(const CWinThread& object) {
@@ -78,7 +70,9 @@ void ThreadLife::Discard(const CWinThread& object) {
 bool ThreadLife::Claim(const CWinThread& object) {
     ThreadLife* life = Find(object);
     const Guard guard(life->m_mutex);
-    while (life->m_phase == Phase::Inside && !life->m_claimed)
+    life->m_wanted = true;
+    // A thread that does not run its own code yet cannot be cancelled safely, whatever starts it.
+    while ((life->m_phase == Phase::Created || life->m_phase == Phase::Inside) && !life->m_claimed)
         guard.Wait(life->m_changed);
     if (life->m_phase != Phase::Over)
         life->m_claimed = true;
@@ -98,7 +92,10 @@ void ThreadLife::Release(const CWinThread& object) {
     life->Drop();
 }
 
-ThreadLife::Self::Self(const CWinThread& object) : m_life(Find(object)) { t_own = m_life; }
+ThreadLife::Self::Self(const CWinThread& object) : m_life(Find(object)) {
+    t_own = m_life;
+    m_life->SetPhase(Phase::Starting);
+}
 
 ThreadLife::Self::~Self() {
     t_own = nullptr;
@@ -146,7 +143,7 @@ void ThreadLife::Drop() {
 
 bool ThreadLife::Enter() {
     const Guard guard(m_mutex);
-    if (m_claimed)
+    if (m_wanted)
         return false;
     m_phase = Phase::Inside;
     return true;
@@ -157,6 +154,18 @@ void ThreadLife::SetPhase(Phase phase) {
     const Guard guard(m_mutex);
     m_phase = phase;
     pthread_cond_broadcast(&m_changed);
+}
+
+// Returns only on a thread that is ending already: it cannot be cancelled once more.
+void ThreadLife::AwaitCancellation() {
+    SetPhase(Phase::Outside); // also where this stretch lies in another, which the destroyer waits for
+    {
+        const Guard guard(m_mutex);
+        while (!m_released)
+            guard.Wait(m_changed);
+    }
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    pthread_testcancel();
 }
 
 ObjectUse::ObjectUse() : m_life(t_own), m_before(m_life ? m_life->m_phase : ThreadLife::Phase::Outside) {
@@ -174,8 +183,10 @@ void ObjectUse::Pause() {
 }
 
 void ObjectUse::Resume() {
-    if (m_life && !m_life->Enter())
-        WaitForCancellation();
+    if (!m_life || m_life->Enter())
+        return;
+    m_usable = false;
+    m_life->AwaitCancellation();
 }
 
 } // namespace windows

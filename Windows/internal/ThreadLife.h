@@ -8,6 +8,7 @@
 // cancellation.
 //
 //   phase    | the thread                        | destroying the object
+//   Created  | has not got so far yet | waits
 //   Starting | waits for the end of its suspension | lifts it, and waits until the thread has left
 //   Outside  | is blocked, or in application code | cancels the thread
 //   Inside   | uses the object                    | waits until it is outside
@@ -63,7 +64,7 @@ public:
 private:
     friend class ObjectUse;
 
-    enum class Phase { Starting, Outside, Inside, Over };
+    enum class Phase { Created, Starting, Outside, Inside, Over };
 
     explicit ThreadLife(const CWinThread& object) : m_object(&object) {}
 
@@ -72,20 +73,25 @@ private:
     void Drop();
     bool Enter();
     void SetPhase(Phase phase);
+    void AwaitCancellation();
 
     const CWinThread* const m_object;
     ThreadLife* m_next = nullptr;
 
     pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER; // guards what follows
     pthread_cond_t m_changed = PTHREAD_COND_INITIALIZER;
-    Phase m_phase = Phase::Starting;
-    bool m_claimed = false;
-    bool m_released = false;
-    int m_owners = 2; // the object and the thread
+    Phase m_phase = Phase::Created;
+    bool m_wanted = false;   // a destroyer waits or has waited: the thread begins no further stretch
+    bool m_claimed = false;  // the destroyer has found it outside, and cancels it
+    bool m_released = false; // and has done so
+    int m_owners = 2;        // the object and the thread
 };
 
-// A stretch in which the calling thread uses its own object; nothing on a thread that has none. Where the
-// object is being destroyed the constructor and Resume() do not return: the thread is cancelled there.
+// A stretch in which the calling thread uses its own object; nothing on a thread that has none.
+//
+// Where the object is being destroyed the constructor and Resume() do not return: the thread is cancelled
+// there. Only a thread that is ending already, and calls from a destructor on its stack, gets past them. The
+// object is then not to be used.
 class ObjectUse {
 public:
     ObjectUse();
@@ -98,9 +104,13 @@ public:
     void Pause();
     void Resume();
 
+    // Whether the object may be used.
+    explicit operator bool() const { return m_usable; }
+
 private:
     ThreadLife* const m_life;
     const ThreadLife::Phase m_before;
+    bool m_usable = true;
 };
 
 } // namespace windows

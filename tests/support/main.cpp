@@ -12,7 +12,7 @@
 // Two things that are so by contract, and that ThreadSanitizer would report: destroying a running thread
 // closes the queue that the thread reads, and mutexes are destroyed that somebody holds, a cancelled reader's
 // above all.
-extern "C" const char* __tsan_default_suppressions() { return "race_top:^close$\n"; }
+extern "C" const char* __tsan_default_suppressions() { return "race:^close$\n"; }
 extern "C" const char* __tsan_default_options() { return "report_destroy_locked=0"; }
 
 #endif

@@ -1,0 +1,155 @@
+// Destroying objects whose threads are busy with them.
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include <Windows/Client.h>
+#include <Windows/CmdTarget.h>
+#include <Windows/Server.h>
+#include <Windows/WinThread.h>
+
+#include "support/interpose.h"
+#include "support/peer.h"
+#include "support/recording_host.h"
+
+namespace {
+
+constexpr int kRounds = 1000;
+
+unsigned int ReadMessages(void*) {
+    MSG message;
+    while (::GetMessage(&message, nullptr, 0, 0)) {
+    }
+    return 0;
+}
+
+unsigned int PeekMessages(void*) {
+    MSG message;
+    for (;;) {
+        ::PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE);
+        pthread_testcancel();
+    }
+}
+
+// A connection that is closed at once would keep the server's loop busy: none is made here.
+CCmdTarget g_target;
+
+// Each object gets none, one or many messages, and is destroyed without waiting for anything.
+template <typename Make> void DestroyWhileBusy(Make make) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer's runtime has cancellation points at which it holds its own locks";
+#endif
+    Recorder::Pause();
+    for (int round = 0; round < kRounds; ++round) {
+        const std::unique_ptr<CWinThread> thread = make();
+        for (int i = 0; i < round % 8; ++i)
+            PostThreadMessage(thread->m_nThreadID, 7, 0, nullptr);
+    }
+    Recorder::Resume();
+}
+
+} // namespace
+
+TEST(ThreadLife, Message_loops_are_destroyed_while_they_read) {
+    DestroyWhileBusy([] { return std::unique_ptr<CWinThread>(AfxBeginThread(ReadMessages, nullptr)); });
+}
+
+TEST(ThreadLife, Message_loops_are_destroyed_while_they_peek) {
+    DestroyWhileBusy([] { return std::unique_ptr<CWinThread>(AfxBeginThread(PeekMessages, nullptr)); });
+}
+
+TEST(ThreadLife, Servers_are_destroyed_while_they_serve_their_queue) {
+    DestroyWhileBusy([] { return std::make_unique<CServer>(0, g_target); });
+}
+
+TEST(ThreadLife, Clients_are_destroyed_while_they_serve_their_queue) {
+    DestroyWhileBusy([] {
+        auto client = std::make_unique<CClient>(g_target);
+        client->ResumeThread();
+        return client;
+    });
+}
+
+TEST(ThreadLife, A_destroyer_waits_for_a_thread_that_uses_its_queue) {
+    CWinThread* thread = AfxBeginThread(ReadMessages, nullptr);
+    const unsigned long id = thread->m_nThreadID;
+    Gate draining, proceed;
+    std::atomic<bool> hasRead{false};
+    Interpose read(Call::Read);
+    read.OnDescriptor(thread->m_readDesc).After([&] { hasRead = true; });
+    Recorder::Hook hook([&](const Event& event) { // the first event behind the read: the overflow list's lock
+        if (hasRead && pthread_equal(event.thread, id) && hasRead.exchange(false)) {
+            draining.Open();
+            proceed.Wait();
+        }
+    });
+    PostThreadMessage(id, 7, 0, nullptr);
+    ASSERT_TRUE(draining.Wait());
+
+    CallLog waits({Call::CondWait}, CallLog::AllThreads);
+    Background destroyer([&] { delete thread; });
+    ASSERT_TRUE(waits.WaitFor(Call::CondWait)); // it waits, and the object is still there
+    EXPECT_FALSE(destroyer.Ended());
+    EXPECT_EQ(CWinThread::MapIdToWinThread(id), thread);
+    proceed.Open();
+    EXPECT_TRUE(destroyer.Join());
+}
+
+TEST(ThreadLife, A_callback_does_not_keep_a_destroyer_waiting) {
+    struct Blocking : CCmdTarget {
+        Gate inside;
+        bool RouteMessage(void*, bool) override {
+            inside.Open();
+            for (;;)
+                pause();
+        }
+    } target;
+    auto server = std::make_unique<CServer>(0, target);
+    PostThreadMessage(server->m_nThreadID, 7, 0, nullptr);
+    ASSERT_TRUE(target.inside.Wait());
+    Background destroyer([&] { server.reset(); });
+    EXPECT_TRUE(destroyer.Join());
+}
+
+TEST(ThreadLife, A_callback_may_destroy_its_own_server) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer's runtime does not bear a thread that cancels itself";
+#endif
+    struct Destroying : CCmdTarget {
+        CServer* server = nullptr;
+        Gate gone;
+        bool RouteMessage(void*, bool) override {
+            delete server;
+            gone.Open();
+            return true;
+        }
+    } target;
+    target.server = new CServer(0, target);
+    PostThreadMessage(target.server->m_nThreadID, 7, 0, nullptr);
+    EXPECT_TRUE(target.gone.Wait());
+}
+
+TEST(ThreadLife, A_thread_that_returns_while_it_is_destroyed_does_not_touch_the_object) {
+    struct Work {
+        Gate begun, proceed;
+        static unsigned int Run(void* p) {
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // it will not end before it returns
+            static_cast<Work*>(p)->begun.Open();
+            static_cast<Work*>(p)->proceed.Wait();
+            return 0;
+        }
+    } work;
+    CWinThread* thread = AfxBeginThread(Work::Run, &work);
+    ASSERT_TRUE(work.begun.Wait());
+    delete thread;
+    Recorder::Clear();
+    work.proceed.Open();
+    // The test's end waits for the thread's; it must not log its own, as one that was not destroyed does.
+    EXPECT_FALSE(Recorder::WaitFor({11, 9, Like("CWinThread::Body() -  Exiting m_nThreadID *")}, 1,
+                                   Deadline::In(std::chrono::milliseconds(50))));
+}
