@@ -315,7 +315,7 @@ int CSocket::Receive(char*& text, bool wait, unsigned int timeoutMs) {
         return kError;
     int result = ReceivePayload(buffer.get(), length, LogSeverityFailure);
     if (result == 0) {
-        buffer[length] = '\0';
+        buffer[static_cast<size_t>(length)] = '\0';
         SysFreeString(text);
         text = SysAllocString(buffer.get());
         if (text) {

@@ -153,3 +153,20 @@ TEST(ThreadLife, A_thread_that_returns_while_it_is_destroyed_does_not_touch_the_
     EXPECT_FALSE(Recorder::WaitFor({11, 9, Like("CWinThread::Body() -  Exiting m_nThreadID *")}, 1,
                                    Deadline::In(std::chrono::milliseconds(50))));
 }
+
+TEST(ThreadLife, A_client_that_turns_over_unread_data_is_destroyed) {
+    struct GivingUp : CCmdTarget {
+        Gate asked;
+        bool ServerActivity() override {
+            asked.Open();
+            return false; // and the data stays where it is
+        }
+    } target;
+    ListenSocket listener;
+    auto client = std::make_unique<CClient>("127.0.0.1", listener.Port(), target);
+    Connection server = listener.Accept();
+    ASSERT_TRUE(server.Send(Frame("unread")));
+    ASSERT_TRUE(target.asked.Wait());
+    Background destroyer([&] { client.reset(); });
+    EXPECT_TRUE(destroyer.Join());
+}
