@@ -88,6 +88,8 @@ TEST(ThreadLife, A_destroyer_waits_for_a_thread_that_uses_its_queue) {
             proceed.Wait();
         }
     });
+    // Two: the thread may have begun the read of the first before the script was there.
+    PostThreadMessage(id, 7, 0, nullptr);
     PostThreadMessage(id, 7, 0, nullptr);
     ASSERT_TRUE(draining.Wait());
 
