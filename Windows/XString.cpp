@@ -1,47 +1,19 @@
 #include <Windows/XString.h>
 
-#include <limits.h>
-#include <stdarg.h>
 #include <stdio.h>
-#include <wchar.h>
 
 #include <algorithm>
 #include <utility>
 
 #include <Windows/internal/Assertion.h>
 #include <Windows/internal/Relaxed.h>
+#include <Windows/internal/StringHeader.h>
 
 int XStringData::m_iObjCount = 0;
 int XString::m_iDefaultBlockSize = 16;
 int XString::m_iObjCount = 0;
 
 namespace {
-
-// Owns a header that no string has taken over yet, so that nothing is left behind when memory runs out.
-class NewHeader {
-public:
-    NewHeader() : m_header(new XStringData) {}
-    ~NewHeader() {
-        if (m_header)
-            m_header->Release();
-    }
-
-    NewHeader(const NewHeader&) = delete;
-    NewHeader& operator=(const NewHeader&) = delete;
-
-    XStringData* operator->() { return m_header; }
-    XStringData& operator*() { return *m_header; }
-
-    XStringData* HandOver() { return std::exchange(m_header, nullptr); }
-
-private:
-    XStringData* m_header;
-};
-
-void CopyText(char* to, const char* from, unsigned int count) {
-    if (count > 0)
-        memcpy(to, from, count);
-}
 
 // Gives the header a buffer of exactly the two texts, one behind the other.
 void Fill(XStringData& header, unsigned int length1, const char* text1, unsigned int length2,
@@ -52,21 +24,21 @@ void Fill(XStringData& header, unsigned int length1, const char* text1, unsigned
     header.Allocate(total + 1);
     header.SetLength(total);
     char* text = header.LockBuffer();
-    CopyText(text, text1, length1);
-    CopyText(text + length1, text2, length2);
+    windows::CopyText(text, text1, length1);
+    windows::CopyText(text + length1, text2, length2);
     text[total] = '\0';
     header.UnlockBuffer();
 }
 
 // The header of a new string of two texts.
 XStringData* Joined(unsigned int length1, const char* text1, unsigned int length2, const char* text2) {
-    NewHeader header;
+    windows::NewHeader header;
     Fill(*header, length1, text1, length2, text2);
     return header.HandOver();
 }
 
 XStringData* Repeated(char ch, int n) {
-    NewHeader header;
+    windows::NewHeader header;
     if (n > 0) {
         const auto count = static_cast<unsigned int>(n);
         header->Allocate(count + 1);
@@ -264,13 +236,13 @@ void ResizeInPlace(XStringData& header, unsigned int size) {
 // A header with a buffer of exactly size bytes and as much of the old buffer as fits. Its length is the count
 // of bytes copied, not the old length: callers have seen it so.
 XStringData* ResizedCopy(const XStringData& old, unsigned int size) {
-    NewHeader header;
+    windows::NewHeader header;
     header->m_iBlockSize = old.m_iBlockSize;
     header->Allocate(size);
     char* text = header->LockBuffer();
     const int room = std::min(static_cast<int>(size), static_cast<int>(old.m_uiBuffSize));
     const unsigned int count = room > 1 ? static_cast<unsigned int>(room - 1) : 0;
-    CopyText(text, old.m_pszData, count);
+    windows::CopyText(text, old.m_pszData, count);
     if (text)
         text[count] = '\0';
     header->m_uiLength = count;
@@ -296,246 +268,4 @@ int XString::Dump(int nIndent) {
                   static_cast<int>(m_pStrData->m_uiLength), static_cast<int>(m_pStrData->m_uiBuffSize),
                   windows::RelaxedLoad(m_pStrData->m_iRefCount), static_cast<int>(m_pStrData->m_bLocked),
                   m_pStrData->m_pszData);
-}
-
-// --- Formatting ----------------------------------------------------------------------------------------
-
-namespace {
-
-// A va_list that functions can hand on by reference on every platform.
-struct Arguments {
-    va_list list;
-};
-
-enum class SizeMark { None, Narrow, Wide };
-
-// One conversion of a format, from behind its percent sign.
-struct Conversion {
-    int width = 0;
-    int precision = 0;
-    int prefix = 0; // room for what the # flag puts in front
-    SizeMark mark = SizeMark::None;
-    char letter = '\0';
-
-    long long WidthAndPrecision() const { return static_cast<long long>(width) + precision; }
-};
-
-constexpr long long kNullTextLength = 6; // "(null)"
-constexpr long long kIntegerLength = 32;
-constexpr long long kRealLength = 128;
-
-// A decimal number at the position; its digits are skipped, and nothing else that strtol may have accepted.
-int ReadNumber(const char*& position) {
-    const long number = strtol(position, nullptr, 10);
-    while (*position >= '0' && *position <= '9')
-        ++position;
-    return static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
-}
-
-void ReadFlags(const char*& position, Arguments& args, Conversion& conversion) {
-    for (;; ++position) {
-        switch (*position) {
-        case '#':
-            conversion.prefix += 2;
-            break;
-        case '*':
-            conversion.width = va_arg(args.list, int);
-            break;
-        case '-':
-        case '+':
-        case '0':
-        case ' ':
-            break;
-        default:
-            return;
-        }
-    }
-}
-
-void ReadPrecision(const char*& position, Arguments& args, Conversion& conversion) {
-    if (*position != '.')
-        return;
-    ++position;
-    if (*position == '*') {
-        conversion.precision = va_arg(args.list, int);
-        ++position;
-    } else {
-        conversion.precision = ReadNumber(position);
-    }
-}
-
-// One letter at most: the others (ll, z, j, t) are not known and count as conversions.
-SizeMark ReadSizeMark(const char*& position) {
-    switch (*position) {
-    case 'h':
-        ++position;
-        return SizeMark::Narrow;
-    case 'l':
-        ++position;
-        return SizeMark::Wide;
-    case 'F':
-    case 'L':
-    case 'N':
-        ++position;
-        return SizeMark::None;
-    default:
-        return SizeMark::None;
-    }
-}
-
-Conversion ReadConversion(const char*& position, Arguments& args) {
-    static constexpr char kFunction[] = "int CalcMaxFormattedStringLen(const char*, __va_list_tag*)";
-    Conversion conversion;
-    ReadFlags(position, args, conversion);
-    if (conversion.width == 0)
-        conversion.width = ReadNumber(position);
-    // The C library would take a negative width as left alignment; here it ends the process.
-    windows::Require(conversion.width >= 0, "nWidth >= 0", {"Windows/XString", 1348, kFunction});
-    ReadPrecision(position, args, conversion);
-    windows::Require(conversion.precision >= 0, "nPrecision >= 0", {"Windows/XString", 1368, kFunction});
-    conversion.mark = ReadSizeMark(position);
-    conversion.letter = *position;
-    if (conversion.letter != '\0')
-        ++position;
-    return conversion;
-}
-
-long long TextLength(const char* text) {
-    return text ? std::max<long long>(static_cast<long long>(strlen(text)), 1) : kNullTextLength;
-}
-
-long long TextLength(const wchar_t* text) {
-    return text ? std::max<long long>(static_cast<long long>(wcslen(text)), 1) : kNullTextLength;
-}
-
-long long CutAndPad(long long length, const Conversion& conversion) {
-    if (conversion.precision != 0)
-        length = std::min<long long>(length, conversion.precision);
-    return std::max<long long>(length, conversion.width);
-}
-
-long long MeasureFixed(const Conversion& conversion, double value) {
-    const int precision = static_cast<int>(std::min<long long>(conversion.precision + 6LL, INT_MAX));
-    return std::max(snprintf(nullptr, 0, "%*.*f", conversion.width, precision, value), 0);
-}
-
-// The charge for one conversion, whose argument is taken from the list.
-long long ItemLength(const Conversion& conversion, Arguments& args) {
-    const bool wide = conversion.mark == SizeMark::Wide;
-    switch (conversion.letter) {
-    case 'c':
-    case 'C':
-        static_cast<void>(va_arg(args.list, int));
-        return CutAndPad(2, conversion);
-    case 's':
-        return CutAndPad(wide ? TextLength(va_arg(args.list, const wchar_t*))
-                              : TextLength(va_arg(args.list, const char*)),
-                         conversion);
-    case 'S':
-        return CutAndPad(conversion.mark == SizeMark::Narrow ? TextLength(va_arg(args.list, const char*))
-                                                             : TextLength(va_arg(args.list, const wchar_t*)),
-                         conversion);
-    case 'd':
-    case 'i':
-    case 'u':
-    case 'o':
-    case 'x':
-    case 'X':
-        static_cast<void>(wide ? va_arg(args.list, long) : va_arg(args.list, int));
-        return std::max(conversion.WidthAndPrecision(), kIntegerLength);
-    case 'p':
-        static_cast<void>(va_arg(args.list, void*));
-        return std::max(conversion.WidthAndPrecision(), kIntegerLength);
-    case 'e':
-    case 'g':
-    case 'G':
-        static_cast<void>(va_arg(args.list, double));
-        return std::max(conversion.WidthAndPrecision(), kRealLength);
-    case 'f':
-        return MeasureFixed(conversion, va_arg(args.list, double));
-    case 'n':
-        static_cast<void>(va_arg(args.list, void*));
-        return 0;
-    default:
-        // %E and %a are here on purpose: they take no argument, and those behind them are read out of step.
-        return std::max(conversion.WidthAndPrecision(), 2LL);
-    }
-}
-
-long long EstimateLength(const char* position, Arguments& args) {
-    long long length = 0;
-    while (*position != '\0') {
-        if (*position++ != '%') {
-            ++length;
-        } else if (*position == '%') {
-            ++position;
-            ++length;
-        } else {
-            const Conversion conversion = ReadConversion(position, args);
-            length += conversion.prefix + ItemLength(conversion, args);
-        }
-    }
-    return length;
-}
-
-bool IsNothing(const char* pszFormat) { return !pszFormat || *pszFormat == '\0'; }
-
-// The string is empty afterwards but has a buffer.
-void FormatNothing(XString& string) {
-    if (string.m_pStrData->m_uiBuffSize > 1)
-        string.CopyBeforeWrite();
-    else
-        string.Resize(2);
-    char* text = string.m_pStrData->LockBuffer();
-    text[0] = '\0';
-    string.ReleaseBuffer(-1);
-}
-
-// Gives the string a buffer of its own for a text of that estimate, and returns it locked.
-char* BufferFor(XString& string, int nMaxLen) {
-    if (nMaxLen < static_cast<int>(string.m_pStrData->m_uiBuffSize))
-        string.CopyBeforeWrite();
-    else
-        string.Resize(static_cast<unsigned int>(nMaxLen) + 1);
-    return string.m_pStrData->LockBuffer();
-}
-
-} // namespace
-
-int CalcMaxFormattedStringLen(const char* pszFormat, va_list args) {
-    Arguments own;
-    va_copy(own.list, args);
-    const long long length = EstimateLength(pszFormat, own) + 1;
-    va_end(own.list);
-    return static_cast<int>(std::min<long long>(length, INT_MAX));
-}
-
-// Not through FormatV: a string that runs out of memory throws, and no argument list may be open then.
-void XString::Format(const char* pszFormat, ...) {
-    if (IsNothing(pszFormat)) {
-        FormatNothing(*this);
-        return;
-    }
-    va_list args;
-    va_start(args, pszFormat);
-    const int nMaxLen = CalcMaxFormattedStringLen(pszFormat, args);
-    va_end(args);
-    char* text = BufferFor(*this, nMaxLen);
-    va_start(args, pszFormat);
-    vsnprintf(text, static_cast<size_t>(nMaxLen), pszFormat, args);
-    va_end(args);
-    ReleaseBuffer(-1);
-}
-
-void XString::FormatV(const char* pszFormat, va_list args) {
-    if (IsNothing(pszFormat)) {
-        FormatNothing(*this);
-        return;
-    }
-    const int nMaxLen = CalcMaxFormattedStringLen(pszFormat, args);
-    char* text = BufferFor(*this, nMaxLen);
-    // The size is the estimate, not the buffer's: a text that outgrows its estimate is cut also where there
-    // is room.
-    vsnprintf(text, static_cast<size_t>(nMaxLen), pszFormat, args);
-    ReleaseBuffer(-1);
 }

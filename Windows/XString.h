@@ -20,6 +20,7 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include <Windows/MemoryException.h>
 #include <Windows/types.h>
@@ -135,9 +136,24 @@ public:
     // no buffer.
     void ConcatCopy(int nLen1, const char* p1, int nLen2, const char* p2);
 
-    // Detaches, makes room for nMin bytes (NUL included) and returns the text, locked until ReleaseBuffer;
+    // Detaches, makes room for nMin characters and a NUL, and returns the text, locked until ReleaseBuffer;
     // NULL if there is no buffer or another writer holds it.
     char* GetBuffer(int nMin = 0);
+
+    // The same, and makes the length nLength; what is new in the text is undefined.
+    char* GetBufferSetLength(int nLength);
+
+    // GetBuffer() without a length to restore afterwards.
+    char* LockBuffer() { return GetBuffer(); }
+    void UnlockBuffer() { m_pStrData->UnlockBuffer(); }
+
+    // The characters that the buffer can hold without growing.
+    int GetAllocLength() const {
+        return m_pStrData->m_uiBuffSize > 0 ? static_cast<int>(m_pStrData->m_uiBuffSize) - 1 : 0;
+    }
+
+    // Cuts the buffer to the length, unless other strings share it.
+    void FreeExtra();
 
     // Ends a direct write: sets the length, nNewLength or with -1 that of the text, and unlocks. Aborts, as
     // XStringData::SetLength does, when the buffer is not larger. Does not detach.
@@ -169,11 +185,148 @@ public:
     // The text; NULL if the string has no buffer.
     operator const char*() const;
 
+    // In bytes. Not what strlen gives after operator=(char) or an Insert in place.
     int GetLength() const;
+
+    bool IsEmpty() const { return GetLength() == 0; }
+
+    // The character at an index below the length; they abort for any other.
+    char GetAt(int nIndex) const { return m_pStrData->GetAt(static_cast<unsigned int>(nIndex)); }
+    char operator[](int nIndex) const { return GetAt(nIndex); }
+
+    // Replaces that character, after detaching.
+    void SetAt(int nIndex, char ch);
+
+    // --- Searching. The index of what is found, or -1. The text must not be NULL, so callers look at
+    // GetLength() first. Searches end at the text's first NUL. nStart is not checked against the length.
+
+    // Looking for NUL finds the text's end.
+    int Find(char ch, int nStart = 0) const;
+    int Find(const char* psz, int nStart = 0) const;
+
+    // The last occurrence.
+    int ReverseFind(char ch);
+    int ReverseFind(char ch) const { return const_cast<XString*>(this)->ReverseFind(ch); }
+
+    // The first character that occurs in the set.
+    int FindOneOf(const char* pszSet);
+    int FindOneOf(const char* pszSet) const { return const_cast<XString*>(this)->FindOneOf(pszSet); }
+
+    // --- Extracting. Results have a header of their own. A negative nFirst is not clamped: it reads what
+    // lies in front of the text.
+
+    // From nFirst to the text's first NUL. Behind the end: empty, with a buffer of a byte.
+    XString Mid(int nFirst) const;
+
+    // At most nCount characters from nFirst, NULs included. Behind the end or for nothing: empty, without a
+    // buffer, unlike Mid(int).
+    XString Mid(int nFirst, int nCount) const;
+
+    XString Left(int nCount) const { return Mid(0, nCount); }
+
+    // The last nCount characters; all of it if there are not more.
+    XString Right(int nCount) const;
+
+    // The longest beginning of characters that are in the set, or not in it. The text must not be NULL.
+    XString SpanIncluding(const char* pszSet) const;
+    XString SpanExcluding(const char* pszSet) const;
+
+    // --- Editing. Each operation detaches a shared string; the first five do so even if nothing is to be
+    // changed, the others only if something is. A string whose buffer is locked faults, unless the operation
+    // has nothing to do or builds a new buffer. When memory runs out the string is as it was.
+
+    // By the C library's toupper and tolower, byte by byte. A locked buffer is only unlocked.
+    void MakeUpper();
+    void MakeLower();
+
+    // Replaces a character; nothing at all for an empty string. Returns how many were replaced.
+    int Replace(char chOld, char chNew);
+
+    // Removes as many of nCount characters as there are from nIndex on; none for an index that is negative or
+    // behind the end. Returns the length.
+    int Delete(int nIndex, int nCount = 1);
+
+    // Puts a character or text in front of the one at nIndex. A negative index counts as 0, one behind the
+    // end appends, and the text must not be part of this string. Returns the length.
+    //
+    // A string that has a header of its own with room in the buffer is edited in place, and callers rely on
+    // what that does: unless it appends, it leaves the length as it was and writes no NUL behind the text
+    // that it moved up. So the length is right only for strings without room, or shared ones.
+    int Insert(int nIndex, char ch);
+    int Insert(int nIndex, const char* psz);
+
+    // Turns the characters round; strings of one character are not detached.
+    void MakeReverse();
+
+    // Replaces a text wherever it occurs, from left to right; NULL as the new text is "", and NULL or "" as
+    // the old one does nothing. The buffer fits exactly afterwards. Returns how many were replaced.
+    int Replace(const char* pszOld, const char* pszNew);
+
+    // Removes a character wherever it occurs. Returns how many went; none for NUL.
+    int Remove(char ch);
+
+    // Remove the character, or those in the set, from the beginning. The text must not be NULL.
+    void TrimLeft(char ch);
+    void TrimLeft(const char* pszSet);
+    void TrimLeft() { TrimLeft(" \t\r\n"); }
+
+    // The same at the end. They abort for an empty string.
+    void TrimRight(char ch);
+    void TrimRight(const char* pszSet);
+    void TrimRight() { TrimRight(" \t\r\n"); }
+
+    // --- Comparing. By the texts up to their first NUL; NULL counts as "". Compare is strcmp, CompareNoCase
+    // ignores the case, Collate goes by the locale.
+
+    int Compare(const char* psz) const { return strcmp(TextOf(m_pStrData->m_pszData), TextOf(psz)); }
+    int CompareNoCase(const char* psz) const {
+        return strcasecmp(TextOf(m_pStrData->m_pszData), TextOf(psz));
+    }
+    int Collate(const char* psz) const { return strcoll(TextOf(m_pStrData->m_pszData), TextOf(psz)); }
+
+    friend bool operator==(const XString& a, const XString& b) { return a.Compare(b) == 0; }
+    friend bool operator==(const XString& a, const char* b) { return a.Compare(b) == 0; }
+    friend bool operator==(const char* a, const XString& b) { return b.Compare(a) == 0; }
+    friend bool operator!=(const XString& a, const XString& b) { return a.Compare(b) != 0; }
+    friend bool operator!=(const XString& a, const char* b) { return a.Compare(b) != 0; }
+    friend bool operator!=(const char* a, const XString& b) { return b.Compare(a) != 0; }
+    friend bool operator<(const XString& a, const XString& b) { return a.Compare(b) < 0; }
+    friend bool operator<(const XString& a, const char* b) { return a.Compare(b) < 0; }
+    friend bool operator<(const char* a, const XString& b) { return b.Compare(a) > 0; }
+    friend bool operator>(const XString& a, const XString& b) { return a.Compare(b) > 0; }
+    friend bool operator>(const XString& a, const char* b) { return a.Compare(b) > 0; }
+    friend bool operator>(const char* a, const XString& b) { return b.Compare(a) < 0; }
+    friend bool operator<=(const XString& a, const XString& b) { return a.Compare(b) <= 0; }
+    friend bool operator<=(const XString& a, const char* b) { return a.Compare(b) <= 0; }
+    friend bool operator<=(const char* a, const XString& b) { return b.Compare(a) >= 0; }
+    friend bool operator>=(const XString& a, const XString& b) { return a.Compare(b) >= 0; }
+    friend bool operator>=(const XString& a, const char* b) { return a.Compare(b) >= 0; }
+    friend bool operator>=(const char* a, const XString& b) { return b.Compare(a) <= 0; }
+
+    // --- Joining. NULL counts as "".
+
+    friend XString operator+(const XString& a, const XString& b) {
+        return Concatenation(a.GetLength(), a, b.GetLength(), b);
+    }
+    friend XString operator+(const XString& a, const char* b) {
+        return Concatenation(a.GetLength(), a, static_cast<int>(strlen(TextOf(b))), b);
+    }
+    friend XString operator+(const char* a, const XString& b) {
+        return Concatenation(static_cast<int>(strlen(TextOf(a))), a, b.GetLength(), b);
+    }
 
     // Gives the string a header of its own if it shares one. Throws &g_oMemoryException and is then as it
     // was.
     void CopyBeforeWrite();
+
+private:
+    static const char* TextOf(const char* psz) { return psz ? psz : ""; }
+
+    static XString Concatenation(int nLen1, const char* p1, int nLen2, const char* p2) {
+        XString sum;
+        sum.ConcatCopy(nLen1, p1, nLen2, p2);
+        return sum;
+    }
 };
 
 XString operator+(char ch, const XString& s);
@@ -244,11 +397,40 @@ inline void XString::CopyBeforeWrite() {
 }
 
 inline char* XString::GetBuffer(int nMin) {
-    if (static_cast<int>(m_pStrData->m_uiBuffSize) < nMin)
-        Resize(static_cast<unsigned int>(nMin));
+    const auto nSize = static_cast<int>(m_pStrData->m_uiBuffSize);
+    if (nSize < nMin || (nSize == nMin && nMin > 0))
+        Resize(static_cast<unsigned int>(nMin) + (nMin > 0 ? 1 : 0));
     else
         CopyBeforeWrite();
     return m_pStrData->LockBuffer();
+}
+
+inline char* XString::GetBufferSetLength(int nLength) {
+    char* text = GetBuffer(nLength > 0 ? nLength : 1);
+    m_pStrData->SetLength(static_cast<unsigned int>(nLength));
+    return text;
+}
+
+inline void XString::FreeExtra() {
+    if (m_pStrData->IsShared() || m_pStrData->m_uiBuffSize <= m_pStrData->m_uiLength + 1)
+        return;
+    if (m_pStrData->m_uiLength == 0)
+        return; // operator=(char) leaves a text of which the length does not tell
+    m_pStrData->Reallocate(m_pStrData->m_uiLength + 1, false);
+    m_pStrData->SetLength(m_pStrData->m_uiLength);
+}
+
+inline void XString::SetAt(int nIndex, char ch) {
+    GetAt(nIndex); // aborts if there is none
+    CopyBeforeWrite();
+    m_pStrData->LockBuffer()[nIndex] = ch;
+    m_pStrData->UnlockBuffer();
+}
+
+inline XString XString::Right(int nCount) const {
+    if (nCount >= GetLength())
+        return *this;
+    return nCount > 0 ? Mid(GetLength() - nCount, nCount) : XString();
 }
 
 inline XString::operator const char*() const { return m_pStrData->m_pszData; }
