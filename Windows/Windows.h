@@ -9,6 +9,8 @@
 #include <Windows/MemFile.h>
 #include <Windows/MemoryException.h>
 #include <Windows/Mutex.h>
+#include <Windows/ObList.h>
+#include <Windows/PtrArray.h>
 #include <Windows/RefCountedObject.h>
 #include <Windows/Server.h>
 #include <Windows/ServerSocket.h>
@@ -16,6 +18,7 @@
 #include <Windows/Socket.h>
 #include <Windows/SocketException.h>
 #include <Windows/Stream.h>
+#include <Windows/StringArray.h>
 #include <Windows/Trace.h>
 #include <Windows/WinThread.h>
 #include <Windows/XString.h>

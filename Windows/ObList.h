@@ -1,0 +1,109 @@
+// A doubly linked list of object pointers, walked by positions.
+//
+// A POSITION stands for one element and stays valid until that element is removed; NULL is no position.
+// Positions are not checked: one that is NULL where an element is needed, or belongs to another list or to a
+// removed element, is undefined behaviour.
+//
+// Thread safety: none; threads that share a list guard it themselves.
+// Lifetime: the list owns its nodes and never the objects: it neither copies nor deletes them.
+// Errors: adding throws std::bad_alloc and changes nothing then. Asking an empty list for an element, or
+// passing NULL as a list, ends the process with an assertion, in every build.
+#ifndef WINDOWS_OBLIST_H
+#define WINDOWS_OBLIST_H
+
+#include <Windows/types.h>
+
+// The library uses nothing of it; applications have a class of their own under this name.
+class CObject;
+
+// An opaque handle for one element. Nothing is known of it but that it can be held and compared.
+struct __POSITION;
+typedef __POSITION* POSITION;
+
+class CObList {
+public:
+    // An element. The node's address is its position.
+    struct CNode {
+        CNode* pNext; // NULL at the tail
+        CNode* pPrev; // NULL at the head
+        CObject* data;
+    };
+
+    // An empty list.
+    CObList();
+
+    // The block size is accepted for the sake of callers that give one; nodes are allocated one by one.
+    explicit CObList(int) : CObList() {}
+
+    CObList(const CObList&) = delete;
+    CObList& operator=(const CObList&) = delete;
+
+    ~CObList();
+
+    // The first and the last position; NULL when the list is empty.
+    POSITION GetHeadPosition() const;
+    POSITION GetTailPosition() const;
+
+    // The element at pos, which becomes the position behind it (NULL after the tail).
+    CObject*& GetNext(POSITION& pos);
+    CObject* GetNext(POSITION& pos) const;
+
+    // The element at pos, which becomes the position in front of it (NULL before the head).
+    CObject*& GetPrev(POSITION& pos);
+    CObject* GetPrev(POSITION& pos) const;
+
+    CObject*& GetAt(POSITION pos);
+    CObject* GetAt(POSITION pos) const;
+    void SetAt(POSITION pos, CObject* obj);
+
+    // The first and the last element. They abort when the list is empty.
+    CObject*& GetHead();
+    CObject* GetHead() const { return const_cast<CObList*>(this)->GetHead(); }
+    CObject*& GetTail();
+    CObject* GetTail() const { return const_cast<CObList*>(this)->GetTail(); }
+
+    int GetCount() const;
+    bool IsEmpty() const;
+
+    // Adds an element at that end and returns its position.
+    POSITION AddHead(CObject* obj);
+    POSITION AddTail(CObject* obj);
+
+    // Adds the elements of another list at that end, in their order; the other list keeps them. It must not
+    // be this list, whose walk would find what it adds and never end. They abort for NULL, which needs a cast
+    // to CObList* to be a list.
+    void AddHead(CObList* pNewList);
+    void AddTail(CObList* pNewList);
+
+    // Adds an element next to pos and returns its position. Without a position (NULL) InsertBefore adds it at
+    // the head and InsertAfter at the tail.
+    POSITION InsertBefore(POSITION pos, CObject* obj);
+    POSITION InsertAfter(POSITION pos, CObject* obj);
+
+    // Removes the first or the last element and returns it. They abort when the list is empty.
+    CObject* RemoveHead();
+    CObject* RemoveTail();
+
+    void RemoveAt(POSITION pos);
+    void RemoveAll();
+
+    // The position of obj, compared by address; NULL if there is none. The search begins at startAfter itself
+    // in spite of the name, or at the head: whoever looks for the next match passes the position behind the
+    // last one.
+    POSITION Find(CObject* obj, POSITION startAfter = NULL) const;
+
+    // The position of the element with that index, counted from 0 at the head; NULL when there is none.
+    POSITION FindIndex(int index) const;
+
+    // Makes a node with these links and counts it, but links nothing to it.
+    CNode* NewNode(CNode* pPrev, CNode* pNext, CObject* obj);
+
+    // Frees a node, which nothing must link to any more, and counts it out.
+    void DeleteNode(CNode* node);
+
+    CNode* m_pNodeHead;
+    CNode* m_pNodeTail;
+    int m_nCount;
+};
+
+#endif
