@@ -7,6 +7,8 @@
 #ifndef WINDOWS_MEMFILE_H
 #define WINDOWS_MEMFILE_H
 
+#include <stdlib.h>
+
 #include <Windows/types.h>
 
 class CMemFile {
@@ -41,6 +43,22 @@ public:
     // returns it. A position beyond the buffer makes the buffer exactly that large. The length does not
     // change.
     long Seek(long offset, unsigned int origin);
+
+    void SeekToBegin() { Seek(0, begin); }
+
+    // Returns the length.
+    unsigned int SeekToEnd() { return static_cast<unsigned int>(Seek(0, end)); }
+
+    // The bytes of content, and where the next read or write takes place.
+    unsigned int GetLength() const { return m_uiFileLength; }
+    unsigned int GetPosition() const { return m_uiPosition; }
+
+    // The buffer, which still belongs to the file; NULL when nothing is allocated. It may move with any
+    // write.
+    unsigned char* GetBufferPtr() const { return m_pBuffer; }
+
+    // Frees the buffer. Length, position and growth step stay, as with Detach.
+    void Close() { free(Detach()); }
 
     // Copies at most count bytes from the position and advances it; returns how many. The position must not
     // be beyond the length.

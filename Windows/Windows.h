@@ -27,5 +27,6 @@
 #include <Windows/stdafx.h>
 #include <Windows/synchelpers.h>
 #include <Windows/types.h>
+#include <Windows/variant.h>
 
 #endif
