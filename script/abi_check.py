@@ -3,9 +3,8 @@
 
 usage: abi_check.py LIBRARY
 
-Entries that match a line of abi/pending.txt may be missing. Prints the differences; status 1 if there are any.
+Prints the differences; status 1 if there are any.
 """
-import fnmatch
 import pathlib
 import re
 import subprocess
@@ -56,28 +55,20 @@ def symbols(library):
     return [set(output("c++filt", text="\n".join(names)).splitlines()) for names in (defined, wanted)]
 
 
-def compare(what, have, name, pending, used):
+def compare(what, have, name):
     spellings, required = entries(name)
     found = {spellings[symbol] for symbol in have if symbol in spellings}
     for symbol in sorted(have - set(spellings)):
         yield f"{what} but not in abi/{name}: {symbol}"
     for entry in required:
-        if entry in found:
-            continue
-        matching = [pattern for pattern in pending if fnmatch.fnmatchcase(entry, pattern)]
-        used.update(matching)
-        if not matching:
+        if entry not in found:
             yield f"in abi/{name} but not {what}: {entry}"
 
 
 def differences(library):
-    pending, used = lines("pending.txt"), set()
     defined, wanted = symbols(library)
-    yield from compare("exported", defined, "exports.txt", pending, used)
-    yield from compare("imported", wanted, "imports.txt", pending, used)
-    for pattern in pending:
-        if pattern not in used:
-            yield f"in abi/pending.txt, but nothing is missing there: {pattern}"
+    yield from compare("exported", defined, "exports.txt")
+    yield from compare("imported", wanted, "imports.txt")
 
     dynamic = output("readelf", "-W", "-d", library)
     soname = re.findall(r"\(SONAME\).*\[(.*)\]", dynamic)
