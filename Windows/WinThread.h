@@ -38,8 +38,14 @@ namespace windows {
 class ObjectUse;
 }
 
-// The one message number that the queue knows. It reaches the reader like any other.
-#define WM_QUIT 0xFFFF0000U
+enum : unsigned int {
+    WM_USER = 0x0400, // applications number their messages from here
+    WM_APP = 0x8000,  // or from here
+
+    // The one number that this library knows, and the queue does not: it reaches the reader like any other, with
+    // result 1, so a loop ends by comparing with it.
+    WM_QUIT = 0xFFFF0000U
+};
 
 // Flags of PeekMessage. Mind the values: with PM_REMOVE it reads nothing and returns 1.
 enum { PM_NOREMOVE = 0, PM_REMOVE = 1 };

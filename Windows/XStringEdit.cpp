@@ -307,6 +307,8 @@ int XString::Delete(int nIndex, int nCount) {
 namespace {
 
 void CutStart(XStringData& header, char* text, unsigned int count) {
+    if (count == 0)
+        return;
     const unsigned int length = header.m_uiLength - count;
     memmove(text, text + count, length);
     header.SetLength(length);
