@@ -6,8 +6,9 @@
 //
 // Thread safety: none; threads that share a list guard it themselves.
 // Lifetime: the list owns its nodes and never the objects: it neither copies nor deletes them.
-// Errors: adding throws std::bad_alloc and changes nothing then. Asking an empty list for an element, or
-// passing NULL as a list, ends the process with an assertion, in every build.
+// Errors: adding throws std::bad_alloc and changes nothing then; of a list that is added, what was added so
+// far stays. Asking an empty list for an element, or passing NULL as a list, ends the process with an
+// assertion, in every build.
 #ifndef WINDOWS_OBLIST_H
 #define WINDOWS_OBLIST_H
 

@@ -79,6 +79,8 @@ private:
 inline void CStringArray::InsertAt(int nIndex, const XString& s, int nCount) {
     const CSingleLock lock(&m_mutex);
     const XString held(s); // s may be an element, which moves
+    if (nIndex < 0)
+        SetAtGrow(nIndex, held); // aborts
     if (nCount < 1)
         return;
     const int nMoved = nIndex < m_nSize ? m_nSize - nIndex : 0;
@@ -94,10 +96,17 @@ inline void CStringArray::RemoveAt(int nIndex, int nCount) {
     const XString checked = (*this)[nIndex]; // aborts on a bad index
     if (nCount < 1)
         return;
-    const int nGone = nCount < m_nSize - nIndex ? nCount : m_nSize - nIndex;
-    for (int i = nIndex; i + nGone < m_nSize; ++i)
-        m_pData[i] = m_pData[i + nGone];
-    SetSize(m_nSize - nGone);
+    const int nKept = nCount < m_nSize - nIndex ? m_nSize - nCount : nIndex;
+    if (nKept == 0) {
+        RemoveAll();
+        return;
+    }
+    const XString empty; // before anything moves, as there may be no memory for it
+    for (int i = nIndex; i < nKept; ++i)
+        m_pData[i] = m_pData[i + nCount];
+    for (int i = nKept; i < m_nSize; ++i)
+        m_pData[i] = empty;
+    __atomic_store_n(&m_nSize, nKept, __ATOMIC_RELAXED);
 }
 
 #endif

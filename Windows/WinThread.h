@@ -38,14 +38,13 @@ namespace windows {
 class ObjectUse;
 }
 
-enum : unsigned int {
-    WM_USER = 0x0400, // applications number their messages from here
-    WM_APP = 0x8000,  // or from here
+// Applications number their messages from here.
+constexpr unsigned int WM_USER = 0x0400;
+constexpr unsigned int WM_APP = 0x8000;
 
-    // The one number that this library knows, and the queue does not: it reaches the reader like any other, with
-    // result 1, so a loop ends by comparing with it.
-    WM_QUIT = 0xFFFF0000U
-};
+// The one number that this library knows, and the queue does not: it reaches the reader like any other, with
+// result 1, so a loop ends by comparing with it.
+constexpr unsigned int WM_QUIT = 0xFFFF0000U;
 
 // Flags of PeekMessage. Mind the values: with PM_REMOVE it reads nothing and returns 1.
 enum { PM_NOREMOVE = 0, PM_REMOVE = 1 };

@@ -428,9 +428,9 @@ inline void XString::SetAt(int nIndex, char ch) {
 }
 
 inline XString XString::Right(int nCount) const {
-    if (nCount >= GetLength())
-        return *this;
-    return nCount > 0 ? Mid(GetLength() - nCount, nCount) : XString();
+    if (nCount < 1)
+        return XString();
+    return Mid(nCount < GetLength() ? GetLength() - nCount : 0, nCount);
 }
 
 inline XString::operator const char*() const { return m_pStrData->m_pszData; }

@@ -158,8 +158,9 @@ private:
     static constexpr unsigned int kKept = 64;
 
     const char* Next(const char* from) const {
+        // The text goes on behind its length after an insertion in place.
         const char* at = strstr(from, m_sought);
-        return at && m_soughtLength <= static_cast<size_t>(m_end - at) ? at : nullptr;
+        return at && at + m_soughtLength <= m_end ? at : nullptr;
     }
 
     const char* m_end;

@@ -29,6 +29,8 @@ enum VARENUM {
     VT_BOOL = 11,
     VT_VARIANT = 12,
     VT_UNKNOWN = 13,
+    VT_DECIMAL = 14,
+    VT_I1 = 16,
     VT_UI1 = 17
 };
 

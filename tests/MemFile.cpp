@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <random>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -803,43 +802,73 @@ TEST(MemFile, Dump_to_a_path_that_cannot_be_opened_says_nothing) {
     EXPECT_EQ(State(file), "open 1 grow 16 size 16 length 3 position 3");
 }
 
-// -- Random order
+// -- What callers expect beside the functions
 
-TEST(MemFile, Random_operations_agree_with_a_model) {
-    const unsigned int seed = std::random_device()();
-    SCOPED_TRACE(Text("seed %u", seed));
-    std::mt19937 random(seed);
-    CMemFile file(7U);
-    std::string content;
-    unsigned int position = 0;
-    for (int step = 0; step < 5000; step++) {
-        const unsigned int count = random() % 40;
-        switch (random() % 4) {
-        case 0: {
-            const std::string bytes(count, static_cast<char>(random()));
-            Write(file, bytes);
-            content.replace(position, count, bytes);
-            position += count;
-            break;
-        }
-        case 1: {
-            const std::string expected = content.substr(position, count);
-            ASSERT_EQ(Read(file, count), expected) << "step " << step;
-            position += static_cast<unsigned int>(expected.size());
-            break;
-        }
-        case 2:
-            position = static_cast<unsigned int>(random() % (content.size() + 1));
-            ASSERT_EQ(file.Seek(static_cast<long>(position), 0), static_cast<long>(position));
-            break;
-        case 3:
-            file.WriteF("%u", count);
-            content.replace(position, std::to_string(count).size(), std::to_string(count));
-            position += static_cast<unsigned int>(std::to_string(count).size());
-            break;
-        }
-        ASSERT_EQ(Content(file), content) << "step " << step;
-        ASSERT_EQ(file.m_uiPosition, position) << "step " << step;
-        ASSERT_GE(file.m_uiBufferSize, file.m_uiFileLength) << "step " << step;
-    }
+TEST(MemFile, Length_position_and_buffer_are_the_fields) {
+    CMemFile file(16U);
+    EXPECT_EQ(file.GetLength(), 0U);
+    EXPECT_EQ(file.GetPosition(), 0U);
+    EXPECT_EQ(file.GetBufferPtr(), nullptr);
+    Write(file, "abcdef");
+    file.Seek(2, CMemFile::begin);
+    const CMemFile& constant = file;
+    EXPECT_EQ(constant.GetLength(), 6U);
+    EXPECT_EQ(constant.GetPosition(), 2U);
+    EXPECT_EQ(constant.GetBufferPtr(), file.m_pBuffer);
+    EXPECT_EQ(memcmp(constant.GetBufferPtr(), "abcdef", 6), 0);
+}
+
+TEST(MemFile, Length_and_position_may_be_above_2_GiB) {
+    CMemFile file(0U);
+    file.m_uiFileLength = 0x80000001U;
+    file.m_uiPosition = 0x80000000U;
+    EXPECT_EQ(file.GetLength(), 0x80000001U);
+    EXPECT_EQ(file.GetPosition(), 0x80000000U);
+}
+
+TEST(MemFile, SeekToBegin_and_SeekToEnd_move_the_position_alone) {
+    CMemFile file(16U);
+    Write(file, "abcdef");
+    file.SeekToBegin();
+    EXPECT_EQ(State(file), "open 1 grow 16 size 16 length 6 position 0");
+    EXPECT_EQ(file.SeekToEnd(), 6U);
+    EXPECT_EQ(State(file), "open 1 grow 16 size 16 length 6 position 6");
+    file.Seek(10, CMemFile::begin);
+    EXPECT_EQ(file.SeekToEnd(), 6U) << "back from beyond the end";
+    EXPECT_EQ(State(file), "open 1 grow 16 size 16 length 6 position 6");
+}
+
+TEST(MemFile, SeekToBegin_and_SeekToEnd_of_an_empty_file_allocate_nothing) {
+    CMemFile file(16U);
+    AllocationCounter counter;
+    file.SeekToBegin();
+    EXPECT_EQ(file.SeekToEnd(), 0U);
+    EXPECT_EQ(counter.Allocations(), 0);
+    EXPECT_EQ(State(file), "open 1 grow 16 size 0 length 0 position 0 no buffer");
+}
+
+TEST(MemFile, SeekToBegin_lets_the_contents_be_read_again) {
+    CMemFile file(16U);
+    Write(file, "abcdef");
+    file.SeekToBegin();
+    EXPECT_EQ(Read(file, 100), "abcdef");
+    file.SeekToBegin();
+    EXPECT_EQ(Read(file, 3), "abc");
+}
+
+TEST(MemFile, Close_frees_the_buffer_and_keeps_the_rest_as_Detach_does) {
+    CMemFile file(8U);
+    file.Write("abc", 3);
+    AllocationCounter counter;
+    file.Close();
+    const int frees = counter.Frees();
+    EXPECT_EQ(frees, 1);
+    EXPECT_EQ(State(file), "open 0 grow 8 size 0 length 3 position 3 no buffer");
+    file.Close();
+    EXPECT_EQ(State(file), "open 0 grow 8 size 0 length 3 position 3 no buffer");
+}
+
+TEST(MemFile, Grow_bytes_are_1024_if_none_are_given) {
+    const CMemFile file;
+    EXPECT_EQ(State(file), "open 1 grow 1024 size 0 length 0 position 0 no buffer");
 }

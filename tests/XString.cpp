@@ -10,7 +10,6 @@
 #include <functional>
 #include <memory>
 #include <new>
-#include <random>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -21,6 +20,7 @@
 
 #include <Windows/XString.h>
 
+#include "support/attempt.h"
 #include "support/interpose.h"
 #include "support/text.h"
 
@@ -67,46 +67,14 @@ std::string Content(const XString& s) {
     return std::string(s.m_pStrData->m_pszData, s.m_pStrData->m_uiLength);
 }
 
-// The message of a failed assertion, as a regular expression.
 std::string Assertion(const std::string& expression, int line, const std::string& function) {
-    std::string regex;
-    for (char c :
-         Text("Windows/XString:%d: %s: Assertion `%s' failed", line, function.c_str(), expression.c_str())) {
-        if (strchr("()[]{}*+?.|^$\\", c))
-            regex += '\\';
-        regex += c;
-    }
-    return regex;
+    return AssertionRegex("Windows/XString", line, function, expression);
 }
 
 const std::string kLengthAssertion =
     Assertion("uiLength < m_uiBuffSize", 239, "void XStringData::SetLength(unsigned int)");
 const std::string kIndexAssertion =
     Assertion("uiIndex < GetLength()", 373, "char XStringData::GetAt(unsigned int)");
-
-// What an operation with a failing allocation came to.
-struct Attempt {
-    std::string outcome; // "done", "memory exception", "bad_alloc"
-    bool failed;         // an allocation did fail
-    int balance;         // blocks it has allocated and not released
-};
-
-// Runs an operation whose first allocation of a kind fails.
-template <class Operation> Attempt Without(FailAllocation::Kind kind, Operation operation) {
-    AllocationCounter counter;
-    FailAllocation fail(1, kind);
-    const char* outcome = "done";
-    try {
-        operation();
-    } catch (CMemoryException* e) {
-        outcome = e == &g_oMemoryException ? "memory exception" : "a memory exception of its own";
-    } catch (const std::bad_alloc&) {
-        outcome = "bad_alloc";
-    }
-    fail.Stop();
-    const int balance = counter.Balance();
-    return {outcome, fail.Happened(), balance};
-}
 
 // A change of the public default granule that ends with the scope.
 class DefaultBlockSize {
@@ -1462,65 +1430,535 @@ TEST(XString, Last_of_two_threads_frees_what_the_other_has_read) {
     }
 }
 
-// -- Random order --------------------------------------------------------------------------------------
+// -- Characters ----------------------------------------------------------------------------------------
 
-// Strings that share headers at random, against a model in which a header is a group of strings.
-TEST(XString, Random_operations_agree_with_a_model) {
-    const unsigned int seed = std::random_device()();
-    SCOPED_TRACE(Text("seed %u", seed));
-    std::mt19937 random(seed);
-    struct Shared {
-        std::string text;
-    };
-    const size_t count = 6;
-    std::vector<XString> strings(count);
-    std::vector<std::shared_ptr<Shared>> models(count);
-    for (auto& model : models)
-        model = std::make_shared<Shared>();
-    for (int step = 0; step < 3000; step++) {
-        const size_t i = random() % count;
-        const size_t j = random() % count;
-        const char c = static_cast<char>('a' + random() % 26);
-        const std::string text(random() % 20, c);
-        switch (random() % 8) {
-        case 0:
-            strings[i] = strings[j];
-            models[i] = models[j];
-            break;
-        case 1:
-            strings[i] += c;
-            models[i]->text += c;
-            break;
-        case 2:
-            strings[i] += text.c_str();
-            models[i] = std::make_shared<Shared>(Shared{models[i]->text + text});
-            break;
-        case 3:
-            strings[i] += strings[j];
-            models[i] = std::make_shared<Shared>(Shared{models[i]->text + models[j]->text});
-            break;
-        case 4:
-            strings[i] = text.c_str();
-            models[i] = std::make_shared<Shared>(Shared{text});
-            break;
-        case 5:
-            strings[i].CopyBeforeWrite();
-            models[i] = std::make_shared<Shared>(*models[i]);
-            break;
-        case 6:
-            strings[i] = c + strings[j];
-            models[i] = std::make_shared<Shared>(Shared{c + models[j]->text});
-            break;
-        case 7:
-            if (models[i]->text.size() > 200) {
-                strings[i].Empty();
-                models[i] = std::make_shared<Shared>();
+TEST(XString, IsEmpty_goes_by_the_length) {
+    EXPECT_TRUE(XString().IsEmpty());
+    EXPECT_TRUE(XString("").IsEmpty());
+    EXPECT_FALSE(XString("a").IsEmpty());
+    EXPECT_FALSE(XString("\0", 1).IsEmpty());
+    XString s("abc");
+    s = "";
+    EXPECT_TRUE(s.IsEmpty());
+    s = 'x';
+    EXPECT_TRUE(s.IsEmpty());
+}
+
+TEST(XString, Characters_are_read_by_their_index) {
+    const XString s("a\0\xE4", 3);
+    EXPECT_EQ(s.GetAt(0), 'a');
+    EXPECT_EQ(s.GetAt(1), '\0');
+    EXPECT_EQ(s.GetAt(2), '\xE4');
+    EXPECT_EQ(s[0], 'a');
+    EXPECT_EQ(s[1], '\0');
+    EXPECT_EQ(s[2], '\xE4');
+    XString changeable("abc");
+    EXPECT_EQ(changeable[1], 'b');
+}
+
+TEST(XString, Characters_outside_the_length_abort) {
+    const XString s("abc");
+    EXPECT_DEATH(s.GetAt(3), kIndexAssertion);
+    EXPECT_DEATH(s.GetAt(-1), kIndexAssertion);
+    EXPECT_DEATH(s[3], kIndexAssertion);
+    EXPECT_DEATH(s[-1], kIndexAssertion);
+    EXPECT_DEATH(XString().GetAt(0), kIndexAssertion);
+    XString assigned;
+    assigned = 'x';
+    EXPECT_DEATH(assigned[0], kIndexAssertion);
+}
+
+TEST(XString, SetAt_replaces_a_character_in_place) {
+    XString s = WithBuffer("abc", 12);
+    s.m_pStrData->m_iBlockSize = 7;
+    const XStringData* header = s.m_pStrData;
+    s.SetAt(1, '\xE4');
+    EXPECT_EQ(s.m_pStrData, header);
+    EXPECT_EQ(State(s), "'a\xE4"
+                        "c' length 3 size 12 refs 1 block 7");
+    s.SetAt(2, '\0');
+    EXPECT_EQ(Content(s), std::string("a\xE4\0", 3));
+}
+
+TEST(XString, SetAt_detaches) {
+    XString a = WithBuffer("abc", 12);
+    a.m_pStrData->m_iBlockSize = 7;
+    const XString b(a);
+    a.SetAt(0, 'x');
+    EXPECT_EQ(State(a), "'xbc' length 3 size 12 refs 1 block 7");
+    EXPECT_EQ(State(b), "'abc' length 3 size 12 refs 1 block 7");
+}
+
+TEST(XString, SetAt_outside_the_length_aborts) {
+    XString s("abc");
+    EXPECT_DEATH(s.SetAt(3, 'x'), kIndexAssertion);
+    EXPECT_DEATH(s.SetAt(-1, 'x'), kIndexAssertion);
+    XString empty;
+    EXPECT_DEATH(empty.SetAt(0, 'x'), kIndexAssertion);
+}
+
+TEST(XString, SetAt_of_a_locked_buffer_faults) {
+    XString s("abc");
+    s.LockBuffer();
+    EXPECT_DEATH(s.SetAt(0, 'x'), "");
+}
+
+// -- Direct writes -------------------------------------------------------------------------------------
+
+TEST(XString, GetBuffer_has_room_for_the_characters_and_a_NUL) {
+    for (const char* text : {"", "abc"}) {
+        for (const unsigned int size : {4U, 16U, 17U}) {
+            for (const int min : {0, 1, 2, 3, 4, 5, 14, 15, 16, 17, 31, 32, 33}) {
+                for (const bool shared : {false, true}) {
+                    SCOPED_TRACE(Text("'%s' in %u bytes, %d, shared %d", text, size, min, shared));
+                    XString s = WithBuffer(text, size);
+                    const XString other(shared ? s : XString());
+                    char* buffer = s.GetBuffer(min);
+                    ASSERT_NE(buffer, nullptr);
+                    EXPECT_EQ(buffer, s.m_pStrData->m_pszData);
+                    EXPECT_STREQ(buffer, text);
+                    EXPECT_TRUE(s.m_pStrData->m_bLocked);
+                    EXPECT_EQ(s.m_pStrData->m_iRefCount, 1);
+                    EXPECT_GE(s.m_pStrData->m_uiBuffSize, static_cast<unsigned int>(min) + 1);
+                    if (static_cast<unsigned int>(min) < size) {
+                        EXPECT_EQ(s.m_pStrData->m_uiBuffSize, size) << "there was room";
+                    }
+                    memset(buffer, 'x', static_cast<size_t>(min));
+                    buffer[min] = '\0';
+                    s.ReleaseBuffer();
+                    EXPECT_EQ(Content(s), std::string(static_cast<size_t>(min), 'x'));
+                    if (shared) {
+                        EXPECT_EQ(State(other),
+                                  Text("'%s' length %zu size %u refs 1 block -1", text, strlen(text), size));
+                    }
+                }
             }
-            break;
         }
-        for (size_t k = 0; k < count; k++) {
-            ASSERT_EQ(Content(strings[k]), models[k]->text) << "string " << k << ", step " << step;
-            ASSERT_EQ(strings[k].m_pStrData->m_iRefCount, models[k].use_count()) << "step " << step;
+    }
+}
+
+TEST(XString, GetBuffer_of_an_empty_string_makes_room) {
+    for (const bool shared : {false, true}) {
+        for (const int min : {1, 15, 16, 100}) {
+            SCOPED_TRACE(Text("%d, shared %d", min, shared));
+            XString s;
+            const XString other(shared ? s : XString());
+            char* buffer = s.GetBuffer(min);
+            ASSERT_NE(buffer, nullptr);
+            memset(buffer, 'x', static_cast<size_t>(min));
+            buffer[min] = '\0';
+            s.ReleaseBuffer();
+            EXPECT_EQ(Content(s), std::string(static_cast<size_t>(min), 'x'));
+            EXPECT_EQ(State(other), kFresh);
         }
+    }
+}
+
+TEST(XString, GetBuffer_without_a_buffer_and_without_a_wish_is_null) {
+    XString s;
+    EXPECT_EQ(s.GetBuffer(), nullptr);
+    s.UnlockBuffer();
+    EXPECT_EQ(s.GetBuffer(0), nullptr);
+    s.UnlockBuffer();
+    EXPECT_EQ(s.GetBuffer(-1), nullptr);
+    s.UnlockBuffer();
+    EXPECT_EQ(State(s), kFresh);
+}
+
+TEST(XString, GetBuffer_without_memory_keeps_a_shared_string) {
+    for (const int min : {0, 100}) {
+        SCOPED_TRACE(min);
+        XString s("abc");
+        const XString other(s);
+        const Attempt attempt = Without(FailAllocation::OnlyMalloc, [&] { s.GetBuffer(min); });
+        EXPECT_EQ(attempt.outcome, "memory exception");
+        EXPECT_EQ(attempt.balance, 0);
+        EXPECT_EQ(s.m_pStrData, other.m_pStrData);
+        EXPECT_EQ(State(s), "'abc' length 3 size 4 refs 2 block -1");
+    }
+}
+
+TEST(XString, GetBufferSetLength_sets_the_length_and_ends_the_text_there) {
+    for (const bool shared : {false, true}) {
+        for (const int length : {0, 1, 2, 3, 4, 5, 15, 16, 100}) {
+            SCOPED_TRACE(Text("%d, shared %d", length, shared));
+            XString s("abcd");
+            const XString other(shared ? s : XString());
+            char* buffer = s.GetBufferSetLength(length);
+            ASSERT_NE(buffer, nullptr);
+            EXPECT_EQ(buffer, s.m_pStrData->m_pszData);
+            EXPECT_TRUE(s.m_pStrData->m_bLocked);
+            EXPECT_EQ(s.m_pStrData->m_iRefCount, 1);
+            EXPECT_EQ(s.GetLength(), length);
+            EXPECT_EQ(buffer[length], '\0');
+            EXPECT_EQ(strncmp(buffer, "abcd", static_cast<size_t>(length < 4 ? length : 4)), 0);
+            memset(buffer, 'x', static_cast<size_t>(length));
+            s.UnlockBuffer();
+            EXPECT_EQ(Content(s), std::string(static_cast<size_t>(length), 'x'));
+            if (shared) {
+                EXPECT_EQ(State(other), "'abcd' length 4 size 5 refs 1 block -1");
+            }
+        }
+    }
+}
+
+TEST(XString, GetBufferSetLength_of_an_empty_string_makes_a_text) {
+    XString s;
+    ASSERT_NE(s.GetBufferSetLength(0), nullptr);
+    s.UnlockBuffer();
+    EXPECT_EQ(State(s), "'' length 0 size 16 refs 1 block -1");
+    XString t;
+    memcpy(t.GetBufferSetLength(3), "xyz", 3);
+    t.UnlockBuffer();
+    EXPECT_EQ(State(t), "'xyz' length 3 size 16 refs 1 block -1");
+}
+
+TEST(XString, GetBufferSetLength_of_a_negative_length_aborts) {
+    XString s("abc");
+    EXPECT_DEATH(s.GetBufferSetLength(-1), kLengthAssertion);
+}
+
+TEST(XString, LockBuffer_of_a_string_detaches_and_locks_until_UnlockBuffer) {
+    XString a("abc");
+    const XString b(a);
+    char* text = a.LockBuffer();
+    EXPECT_EQ(text, a.m_pStrData->m_pszData);
+    EXPECT_EQ(State(a), "'abc' length 3 size 4 refs 1 block -1 locked");
+    EXPECT_EQ(State(b), "'abc' length 3 size 4 refs 1 block -1");
+    EXPECT_EQ(a.LockBuffer(), nullptr);
+    text[0] = 'x';
+    a.UnlockBuffer();
+    EXPECT_EQ(State(a), "'xbc' length 3 size 4 refs 1 block -1");
+    EXPECT_EQ(a.LockBuffer(), text);
+    a.UnlockBuffer();
+    a.UnlockBuffer();
+    EXPECT_FALSE(a.m_pStrData->m_bLocked);
+}
+
+TEST(XString, GetAllocLength_is_what_fits_without_growing) {
+    EXPECT_EQ(XString().GetAllocLength(), 0);
+    EXPECT_EQ(XString("abc").GetAllocLength(), 3);
+    EXPECT_EQ(WithBuffer("abc", 16).GetAllocLength(), 15);
+    XString s("abc");
+    s = "";
+    EXPECT_EQ(s.GetAllocLength(), 0);
+}
+
+TEST(XString, FreeExtra_cuts_the_buffer_to_the_length) {
+    XString s = WithBuffer("abc", 16);
+    s.m_pStrData->m_iBlockSize = 7;
+    const XStringData* header = s.m_pStrData;
+    CallLog log({Call::Malloc, Call::Realloc});
+    s.FreeExtra();
+    EXPECT_EQ(log.Texts(), (std::vector<std::string>{"realloc(4)"}));
+    EXPECT_EQ(s.m_pStrData, header);
+    EXPECT_EQ(State(s), "'abc' length 3 size 4 refs 1 block 7");
+}
+
+TEST(XString, FreeExtra_changes_nothing_where_nothing_is_to_be_cut) {
+    XString shared = WithBuffer("abc", 16);
+    const XString other(shared);
+    XString exact("abc");
+    XString fresh;
+    XString assigned;
+    assigned = 'x';
+    AllocationCounter counter;
+    shared.FreeExtra();
+    exact.FreeExtra();
+    fresh.FreeExtra();
+    assigned.FreeExtra();
+    const int allocations = counter.Allocations();
+    EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(State(shared), "'abc' length 3 size 16 refs 2 block -1");
+    EXPECT_EQ(shared.m_pStrData, other.m_pStrData);
+    EXPECT_EQ(State(exact), "'abc' length 3 size 4 refs 1 block -1");
+    EXPECT_EQ(State(fresh), kFresh);
+    EXPECT_EQ(State(assigned), "'x' length 0 size 2 refs 1 block -1");
+}
+
+TEST(XString, FreeExtra_ends_a_text_that_has_no_NUL) {
+    XString s = WithBuffer("abc", 16);
+    s.Insert(1, 'x'); // in place: the length stays 3, and no NUL is written
+    s.FreeExtra();
+    EXPECT_EQ(State(s), "'axb' length 3 size 4 refs 1 block -1");
+}
+
+// -- Parts ---------------------------------------------------------------------------------------------
+
+TEST(XString, Left_is_a_string_of_the_first_characters) {
+    const XString s("abcd");
+    EXPECT_EQ(State(s.Left(2)), "'ab' length 2 size 3 refs 1 block -1");
+    EXPECT_EQ(State(s.Left(4)), "'abcd' length 4 size 5 refs 1 block -1");
+    EXPECT_EQ(State(s.Left(INT_MAX)), "'abcd' length 4 size 5 refs 1 block -1");
+    EXPECT_EQ(State(s.Left(0)), kFresh);
+    EXPECT_EQ(State(s.Left(-1)), kFresh);
+    EXPECT_EQ(State(XString().Left(2)), kFresh);
+    EXPECT_EQ(Content(XString("a\0b", 3).Left(2)), std::string("a\0", 2));
+    EXPECT_EQ(State(s), "'abcd' length 4 size 5 refs 1 block -1");
+}
+
+TEST(XString, Right_is_a_string_of_the_last_characters) {
+    const XString s("abcd");
+    EXPECT_EQ(State(s.Right(1)), "'d' length 1 size 2 refs 1 block -1");
+    EXPECT_EQ(State(s.Right(3)), "'bcd' length 3 size 4 refs 1 block -1");
+    EXPECT_EQ(State(s.Right(0)), kFresh);
+    EXPECT_EQ(State(s.Right(-1)), kFresh);
+    EXPECT_EQ(State(s.Right(INT_MIN)), kFresh);
+    EXPECT_EQ(Content(XString("a\0b", 3).Right(2)), std::string("\0b", 2));
+    EXPECT_EQ(State(s), "'abcd' length 4 size 5 refs 1 block -1");
+}
+
+TEST(XString, Right_of_no_fewer_than_there_are_is_all_of_it) {
+    const XString s("abcd");
+    EXPECT_EQ(Content(s.Right(4)), "abcd");
+    EXPECT_EQ(Content(s.Right(5)), "abcd");
+    EXPECT_EQ(Content(s.Right(INT_MAX)), "abcd");
+    EXPECT_TRUE(XString().Right(2).IsEmpty());
+}
+
+TEST(XString, Right_has_a_header_of_its_own_also_where_it_is_all_of_it) {
+    const XString s("abcd");
+    XString right = s.Right(4);
+    EXPECT_NE(right.m_pStrData, s.m_pStrData);
+    right += 'x'; // in place
+    EXPECT_STREQ(s, "abcd");
+}
+
+// -- Searching and trimming with what is left out --------------------------------------------------------
+
+TEST(XString, ReverseFind_and_FindOneOf_search_constant_strings_too) {
+    const XString constant("abca");
+    EXPECT_EQ(constant.ReverseFind('a'), 3);
+    EXPECT_EQ(constant.FindOneOf("xc"), 2);
+    XString changeable("abca");
+    EXPECT_EQ(changeable.ReverseFind('a'), 3);
+    EXPECT_EQ(changeable.FindOneOf("xc"), 2);
+}
+
+TEST(XString, Searches_start_and_deletions_count_by_default) {
+    XString s("abcab");
+    EXPECT_EQ(s.Find('b'), 1);
+    EXPECT_EQ(s.Find("ca"), 2);
+    EXPECT_EQ(s.Delete(2), 4);
+    EXPECT_STREQ(s, "abab");
+}
+
+TEST(XString, Trims_without_argument_remove_blanks_tabs_and_line_ends) {
+    XString s(" \t\r\n a \n\r\t ");
+    const XString other(s);
+    s.TrimLeft();
+    EXPECT_STREQ(s, "a \n\r\t ");
+    s.TrimRight();
+    EXPECT_STREQ(s, "a");
+    EXPECT_STREQ(other, " \t\r\n a \n\r\t ");
+    for (const char* kept : {"\va\v", "\fa\f", "a"}) {
+        XString t(kept);
+        const XString sharer(t);
+        t.TrimLeft();
+        t.TrimRight();
+        EXPECT_EQ(t.m_pStrData, sharer.m_pStrData);
+    }
+    XString blank(" \t");
+    blank.TrimRight();
+    EXPECT_EQ(State(blank), "'' length 0 size 3 refs 1 block -1");
+}
+
+TEST(XString, TrimRight_without_argument_aborts_for_an_empty_string) {
+    XString s;
+    EXPECT_DEATH(s.TrimRight(), kIndexAssertion);
+}
+
+TEST(XString, TrimLeft_without_argument_faults_without_a_text) {
+    XString s;
+    EXPECT_DEATH(s.TrimLeft(), "");
+}
+
+// -- Comparing -----------------------------------------------------------------------------------------
+
+namespace {
+
+const char* const kNoText = NULL;
+
+int Sign(int n) { return n < 0 ? -1 : n > 0 ? 1 : 0; }
+
+// Texts in their order, NULL being "".
+struct Comparison {
+    const char *a, *b;
+    int sign;
+};
+
+const Comparison kComparisons[] = {
+    {"abc", "abc", 0},     {"abc", "abd", -1}, {"abd", "abc", 1},   {"ab", "abc", -1},    {"abc", "ab", 1},
+    {"", "abc", -1},       {"abc", "", 1},     {"", "", 0},         {kNoText, "abc", -1}, {"abc", kNoText, 1},
+    {kNoText, kNoText, 0}, {kNoText, "", 0},   {"", kNoText, 0},    {"B", "a", -1},       {"a", "B", 1},
+    {"z", "\xE4", -1},     {"\xE4", "z", 1},   {"\xE4", "\xE4", 0}, {"\x7F", "\x80", -1}, {"10", "9", -1},
+};
+
+// The operators' results in the order == != < > <= >=.
+template <class A, class B> std::vector<bool> Compared(const A& a, const B& b) {
+    return {a == b, a != b, a<b, a> b, a <= b, a >= b};
+}
+
+} // namespace
+
+TEST(XString, Comparison_operators_agree_in_all_forms) {
+    for (const Comparison& c : kComparisons) {
+        SCOPED_TRACE(Text("'%s' and '%s'", c.a ? c.a : "(none)", c.b ? c.b : "(none)"));
+        const XString a(c.a);
+        const XString b(c.b);
+        const std::vector<bool> expected = {c.sign == 0, c.sign != 0, c.sign<0, c.sign> 0, c.sign <= 0,
+                                            c.sign >= 0};
+        EXPECT_EQ(Compared(a, b), expected);
+        EXPECT_EQ(Compared(a, c.b), expected);
+        EXPECT_EQ(Compared(c.a, b), expected);
+    }
+}
+
+TEST(XString, Compare_and_Collate_give_the_order) {
+    for (const Comparison& c : kComparisons) {
+        SCOPED_TRACE(Text("'%s' and '%s'", c.a ? c.a : "(none)", c.b ? c.b : "(none)"));
+        const XString a(c.a);
+        EXPECT_EQ(Sign(a.Compare(c.b)), c.sign);
+        EXPECT_EQ(Sign(a.Collate(c.b)), c.sign) << "in the C locale";
+        EXPECT_EQ(Sign(a.Compare(XString(c.b))), c.sign);
+        EXPECT_EQ(Sign(a.Collate(XString(c.b))), c.sign);
+    }
+}
+
+TEST(XString, CompareNoCase_ignores_the_case_of_letters) {
+    const Comparison cases[] = {
+        {"abc", "ABC", 0},     {"ABC", "abc", 0},   {"aBc", "AbD", -1}, {"B", "a", 1},    {"a", "B", -1},
+        {"ab", "ABC", -1},     {kNoText, "A", -1},  {"A", kNoText, 1},  {kNoText, "", 0}, {"", kNoText, 0},
+        {kNoText, kNoText, 0}, {"\xE4", "\xE4", 0}, {"[", "a", -1},
+    };
+    for (const Comparison& c : cases) {
+        SCOPED_TRACE(Text("'%s' and '%s'", c.a ? c.a : "(none)", c.b ? c.b : "(none)"));
+        EXPECT_EQ(Sign(XString(c.a).CompareNoCase(c.b)), c.sign);
+    }
+    EXPECT_EQ(XString("\xE4").CompareNoCase("\xC4") == 0, false) << "in the C locale";
+}
+
+TEST(XString, Comparisons_look_at_the_text_and_not_at_its_address) {
+    XString a("abc");
+    const XString b("abc");
+    const std::string c("abc");
+    const std::vector<bool> equal = {true, false, false, false, true, true};
+    EXPECT_NE(static_cast<const char*>(a), static_cast<const char*>(b));
+    EXPECT_EQ(Compared(a, b), equal);
+    EXPECT_EQ(Compared(a, c.c_str()), equal);
+    EXPECT_EQ(Compared(c.c_str(), a), equal);
+    EXPECT_TRUE(a == "abc" && "abc" == a);
+
+    const XString sharer(a);
+    EXPECT_EQ(Compared(a, sharer), equal);
+    const char* old = a;
+    a.SetAt(0, 'x');
+    EXPECT_EQ(Compared(sharer, old), equal);
+    EXPECT_TRUE(a != sharer && a > sharer);
+}
+
+TEST(XString, Comparisons_end_at_the_first_NUL) {
+    const XString a("ab\0c", 4);
+    const XString b("ab\0d", 4);
+    EXPECT_TRUE(a == b);
+    EXPECT_TRUE(a == "ab");
+    EXPECT_EQ(a.Compare("ab"), 0);
+    EXPECT_EQ(a.CompareNoCase("AB"), 0);
+    EXPECT_EQ(a.Collate("ab"), 0);
+}
+
+TEST(XString, Comparisons_see_an_assigned_character) {
+    XString s;
+    s = 'x';
+    EXPECT_TRUE(s == "x");
+    EXPECT_FALSE(s == "");
+}
+
+TEST(XString, Comparisons_change_nothing) {
+    const XString a("abc");
+    const XString b(a);
+    AllocationCounter counter;
+    const bool equal = a == b && a == "abc" && "abc" == a && !(a < b) && a.Compare("abc") == 0;
+    const int allocations = counter.Allocations();
+    EXPECT_TRUE(equal);
+    EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(State(a), "'abc' length 3 size 4 refs 2 block -1");
+}
+
+// -- Joining -------------------------------------------------------------------------------------------
+
+TEST(XString, Sums_of_texts_are_new_strings_in_all_forms) {
+    const struct {
+        const char *a, *b, *state;
+    } cases[] = {
+        {"ab", "cde", "'abcde' length 5 size 6 refs 1 block -1"},
+        {"", "cde", "'cde' length 3 size 4 refs 1 block -1"},
+        {"ab", "", "'ab' length 2 size 3 refs 1 block -1"},
+        {kNoText, "cde", "'cde' length 3 size 4 refs 1 block -1"},
+        {"ab", kNoText, "'ab' length 2 size 3 refs 1 block -1"},
+        {"\xE4", "\xFF", "'\xE4\xFF' length 2 size 3 refs 1 block -1"},
+        {"", "", kFresh},
+        {kNoText, kNoText, kFresh},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(Text("'%s' and '%s'", c.a ? c.a : "(none)", c.b ? c.b : "(none)"));
+        const XString a(c.a);
+        const XString b(c.b);
+        const int strings = XString::m_iObjCount;
+        const int headers = XStringData::m_iObjCount;
+        EXPECT_EQ(State(a + b), c.state);
+        EXPECT_EQ(State(a + c.b), c.state);
+        EXPECT_EQ(State(c.a + b), c.state);
+        EXPECT_STREQ(a, c.a && *c.a ? c.a : kNoText);
+        EXPECT_STREQ(b, c.b && *c.b ? c.b : kNoText);
+        EXPECT_EQ(XString::m_iObjCount, strings);
+        EXPECT_EQ(XStringData::m_iObjCount, headers);
+    }
+}
+
+TEST(XString, Sums_of_strings_keep_NULs) {
+    const XString s("a\0b", 3);
+    EXPECT_EQ(Content(s + s), std::string("a\0ba\0b", 6));
+    EXPECT_EQ(Content(s + "cd"), std::string("a\0bcd", 5));
+    EXPECT_EQ(Content("cd" + s), std::string("cda\0b", 5));
+}
+
+TEST(XString, Sums_go_on) {
+    const XString s("b");
+    const XString sum = "a" + s + "c" + 'd' + s + s;
+    EXPECT_EQ(State(sum), "'abcdbb' length 6 size 7 refs 1 block -1");
+}
+
+TEST(XString, Sums_do_not_see_an_assigned_character) {
+    XString s;
+    s = 'x';
+    EXPECT_EQ(State(s + "yz"), "'yz' length 2 size 3 refs 1 block -1");
+    EXPECT_EQ(State("yz" + s), "'yz' length 2 size 3 refs 1 block -1");
+    EXPECT_EQ(State(s + s), kFresh);
+}
+
+TEST(XString, Sums_without_memory_leave_nothing_behind) {
+    const XString s("abc");
+    const struct {
+        const char* name;
+        std::function<void()> run;
+    } cases[] = {
+        {"string, string", [&s] { const XString sum = s + s; }},
+        {"string, text", [&s] { const XString sum = s + "de"; }},
+        {"text, string", [&s] { const XString sum = "de" + s; }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int strings = XString::m_iObjCount;
+        const int headers = XStringData::m_iObjCount;
+        Attempt attempt = Without(FailAllocation::OnlyMalloc, c.run);
+        EXPECT_EQ(attempt.outcome, "memory exception");
+        EXPECT_EQ(attempt.balance, 0);
+        attempt = Without(FailAllocation::OnlyNew, c.run);
+        EXPECT_EQ(attempt.outcome, "bad_alloc");
+        EXPECT_EQ(attempt.balance, 0);
+        EXPECT_EQ(XString::m_iObjCount, strings);
+        EXPECT_EQ(XStringData::m_iObjCount, headers);
+        EXPECT_EQ(State(s), "'abc' length 3 size 4 refs 1 block -1");
     }
 }

@@ -29,11 +29,10 @@ std::string State(const XString& s) {
                 header->m_iRefCount, header->m_iBlockSize, header->m_bLocked ? " locked" : "");
 }
 
-// A failed assertion of the estimate, as a regular expression. The function's text is the same everywhere.
+// The function's text is the same everywhere.
 std::string Assertion(const char* expression, int line) {
-    return Text("Windows/XString:%d: int CalcMaxFormattedStringLen\\(const char\\*, __va_list_tag\\*\\): "
-                "Assertion `%s' failed",
-                line, expression);
+    return AssertionRegex("Windows/XString", line,
+                          "int CalcMaxFormattedStringLen(const char*, __va_list_tag*)", expression);
 }
 
 const std::string kWidthAssertion = Assertion("nWidth >= 0", 1348);

@@ -1143,3 +1143,212 @@ TEST(bstr, Strings_and_wrappers_convert_in_the_ways_that_callers_write) {
     b += s;
     EXPECT_EQ(Content(b.getData()), "abcabc");
 }
+
+// -- What callers expect beside the functions
+
+TEST(bstr, SysAllocStringByteLen_counts_bytes_which_are_characters) {
+    BSTR text = SysAllocStringByteLen("abc", 5);
+    EXPECT_EQ(SignatureOf(text), kSignature);
+    EXPECT_EQ(SysStringByteLen(text), 5U);
+    EXPECT_EQ(memcmp(text, "abc", 3), 0);
+    EXPECT_EQ(text[5], '\0');
+    SysFreeString(text);
+    EXPECT_EQ(Take(SysAllocStringByteLen("abcdef", 2)), "ab");
+    BSTR null = SysAllocStringByteLen(NULL, 3);
+    EXPECT_EQ(SysStringByteLen(null), 3U);
+    EXPECT_EQ(null[0], '\0');
+    SysFreeString(null);
+}
+
+TEST(bstr, SysReAllocString_replaces_the_BSTR_and_frees_the_old) {
+    BSTR bstr = SysAllocString("old");
+    LibraryAllocations library;
+    const BOOL result = SysReAllocString(&bstr, "abcde");
+    const int allocations = library.counter.Allocations();
+    const int frees = library.counter.Frees();
+    EXPECT_EQ(result, TRUE);
+    EXPECT_EQ(allocations, 1);
+    EXPECT_EQ(frees, 1);
+    EXPECT_EQ(Take(bstr), "abcde");
+}
+
+TEST(bstr, SysReAllocString_takes_NULL_for_the_old_and_for_the_new) {
+    BSTR bstr = NULL;
+    EXPECT_EQ(SysReAllocString(&bstr, "abc"), TRUE);
+    EXPECT_EQ(SysStringLen(bstr), 3U);
+    EXPECT_STREQ(bstr, "abc");
+    EXPECT_EQ(SysReAllocString(&bstr, NULL), TRUE);
+    EXPECT_EQ(bstr, nullptr);
+    EXPECT_EQ(SysReAllocString(&bstr, NULL), TRUE);
+    EXPECT_EQ(bstr, nullptr);
+    EXPECT_TRUE(Recorder::Events().empty());
+}
+
+TEST(bstr, SysReAllocString_takes_a_part_of_its_own_text) {
+    BSTR bstr = SysAllocString("abcde");
+    EXPECT_EQ(SysReAllocString(&bstr, bstr), TRUE);
+    EXPECT_STREQ(bstr, "abcde");
+    EXPECT_EQ(SysReAllocString(&bstr, bstr + 2), TRUE);
+    EXPECT_EQ(Take(bstr), "cde");
+}
+
+TEST(bstr, SysReAllocString_without_memory_keeps_the_old) {
+    BSTR bstr = SysAllocString("old");
+    BSTR old = bstr;
+    FailAllocation fail(1);
+    const BOOL result = SysReAllocString(&bstr, "abc");
+    fail.Stop();
+    EXPECT_TRUE(fail.Happened());
+    EXPECT_EQ(result, FALSE);
+    EXPECT_EQ(bstr, old);
+    EXPECT_EQ(Take(bstr), "old");
+}
+
+TEST(bstr, Detach_hands_out_the_BSTR_and_empties_the_wrapper) {
+    _bstr_t b("abc");
+    BSTR held = b.getData();
+    LibraryAllocations library;
+    BSTR bstr = b.Detach();
+    EXPECT_EQ(library.counter.Frees(), 0);
+    EXPECT_EQ(bstr, held);
+    EXPECT_EQ(b.getData(), nullptr);
+    EXPECT_EQ(b.Detach(), nullptr);
+    EXPECT_EQ(Take(bstr), "abc");
+}
+
+TEST(bstr, Detach_and_Attach_move_a_BSTR) {
+    _bstr_t a("abc");
+    _bstr_t b("old");
+    BSTR held = a.getData();
+    EXPECT_TRUE(b.Attach(a.Detach()));
+    EXPECT_EQ(b.getData(), held);
+    EXPECT_EQ(a.getData(), nullptr);
+}
+
+TEST(bstr, Copy_is_a_BSTR_of_the_caller_s) {
+    const _bstr_t b("abc");
+    BSTR bstr = b.copy();
+    EXPECT_NE(bstr, static_cast<const char*>(b));
+    EXPECT_EQ(Take(bstr), "abc");
+    EXPECT_STREQ(b, "abc");
+    const _bstr_t none;
+    EXPECT_EQ(none.copy(), nullptr);
+}
+
+TEST(bstr, GetBSTR_is_the_variable_itself) {
+    _bstr_t b("abc");
+    EXPECT_EQ(b.GetBSTR(), b.getData());
+    EXPECT_EQ(SysReAllocString(&b.GetBSTR(), "def"), TRUE);
+    EXPECT_STREQ(b.getData(), "def");
+    SysFreeString(b.GetBSTR());
+    EXPECT_EQ(b.getData(), nullptr);
+}
+
+TEST(bstr, Wrapper_without_a_BSTR_is_not) {
+    const _bstr_t none;
+    const _bstr_t empty("");
+    const _bstr_t text("abc");
+    EXPECT_TRUE(!none);
+    EXPECT_FALSE(!empty);
+    EXPECT_FALSE(!text);
+}
+
+TEST(bstr, Sum_is_a_new_wrapper_and_leaves_its_parts) {
+    const _bstr_t ab("ab");
+    const _bstr_t cd("cd");
+    _bstr_t both = ab + cd;
+    EXPECT_EQ(Content(both.getData()), "abcd");
+    _bstr_t text = ab + "x";
+    EXPECT_EQ(Content(text.getData()), "abx");
+    _bstr_t reversed = "x" + ab;
+    EXPECT_EQ(Content(reversed.getData()), "xab");
+    _bstr_t doubled = ab + ab;
+    EXPECT_EQ(Content(doubled.getData()), "abab");
+    _bstr_t chain = ab + "-" + cd + "-";
+    EXPECT_EQ(Content(chain.getData()), "ab-cd-");
+    EXPECT_STREQ(ab, "ab");
+    EXPECT_STREQ(cd, "cd");
+}
+
+TEST(bstr, Sum_with_an_empty_wrapper_or_NULL_is_the_other_part) {
+    const _bstr_t none;
+    const _bstr_t ab("ab");
+    _bstr_t first = none + ab;
+    EXPECT_EQ(Content(first.getData()), "ab");
+    _bstr_t second = ab + none;
+    EXPECT_EQ(Content(second.getData()), "ab");
+    _bstr_t text = none + "x";
+    EXPECT_EQ(Content(text.getData()), "x");
+    _bstr_t reversed = "x" + none;
+    EXPECT_EQ(Content(reversed.getData()), "x");
+    _bstr_t null = ab + kNull;
+    EXPECT_EQ(Content(null.getData()), "ab");
+    _bstr_t nothing = none + none;
+    EXPECT_EQ(nothing.getData(), nullptr);
+}
+
+TEST(bstr, Sum_leaves_no_block_behind) {
+    const _bstr_t ab("ab");
+    LibraryAllocations library;
+    { const _bstr_t sum = "x" + ab + "y" + ab; }
+    const int balance = library.counter.Balance();
+    EXPECT_EQ(balance, 0);
+}
+
+TEST(bstr, Comparisons_go_by_the_text_and_NULL_is_empty) {
+    const char* const texts[] = {NULL, "", "a", "ab", "abc", "b", "\xE4"}; // in order
+    const int ranks[] = {0, 0, 1, 2, 3, 4, 5};
+    for (size_t i = 0; i < 7; i++)
+        for (size_t k = 0; k < 7; k++) {
+            SCOPED_TRACE(Text("'%s' and '%s'", texts[i] ? texts[i] : "NULL", texts[k] ? texts[k] : "NULL"));
+            const int order = ranks[i] - ranks[k];
+            const _bstr_t a(texts[i]);
+            const _bstr_t b(texts[k]);
+            EXPECT_EQ(a == b, order == 0);
+            EXPECT_EQ(a != b, order != 0);
+            EXPECT_EQ(a < b, order < 0);
+            EXPECT_EQ(a > b, order > 0);
+            EXPECT_EQ(a <= b, order <= 0);
+            EXPECT_EQ(a >= b, order >= 0);
+            EXPECT_EQ(a == texts[k], order == 0);
+            EXPECT_EQ(a != texts[k], order != 0);
+            EXPECT_EQ(a < texts[k], order < 0);
+            EXPECT_EQ(a > texts[k], order > 0);
+            EXPECT_EQ(a <= texts[k], order <= 0);
+            EXPECT_EQ(a >= texts[k], order >= 0);
+            EXPECT_EQ(texts[i] == b, order == 0);
+            EXPECT_EQ(texts[i] != b, order != 0);
+            EXPECT_EQ(texts[i] < b, order < 0);
+            EXPECT_EQ(texts[i] > b, order > 0);
+            EXPECT_EQ(texts[i] <= b, order <= 0);
+            EXPECT_EQ(texts[i] >= b, order >= 0);
+            const XString s(texts[i]);
+            const XString t(texts[k]);
+            EXPECT_EQ(a == t, order == 0);
+            EXPECT_EQ(a != t, order != 0);
+            EXPECT_EQ(s == b, order == 0);
+            EXPECT_EQ(s != b, order != 0);
+        }
+}
+
+TEST(bstr, Comparisons_do_not_mind_which_operand_is_constant) {
+    _bstr_t b("abc");
+    const _bstr_t constant("abc");
+    XString s("abc");
+    EXPECT_TRUE(b == constant);
+    EXPECT_TRUE(constant == b);
+    EXPECT_TRUE(b == "abc");
+    EXPECT_TRUE("abc" == b);
+    EXPECT_TRUE(b == s);
+    EXPECT_TRUE(s == b);
+    EXPECT_FALSE(b != constant);
+    EXPECT_FALSE(b < constant);
+    EXPECT_TRUE(b >= constant);
+}
+
+TEST(bstr, Comparisons_stop_at_the_first_NUL) {
+    _bstr_t b("abcde");
+    b.getData()[3] = '\0';
+    EXPECT_TRUE(b == "abc");
+    EXPECT_TRUE(b == _bstr_t("abc"));
+}

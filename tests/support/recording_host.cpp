@@ -179,7 +179,7 @@ void Post(Event::Entry entry, int type, int severity, const char* format, bool i
         (*hook)(event);
     {
         Bypass bypass;
-        event = Event();
+        const Event gone(std::move(event)); // assigning would keep the strings' memory until the end
         hook.reset();
     }
     errno = LOGGER_ERRNO;

@@ -1,6 +1,7 @@
 #include "support/text.h"
 
 #include <stdio.h>
+#include <string.h>
 
 #include "support/interpose.h"
 
@@ -21,4 +22,16 @@ std::string TextV(const char* format, va_list args) {
     std::string text(length < 0 ? 0 : length, '\0');
     vsnprintf(&text[0], text.size() + 1, format, args);
     return text;
+}
+
+std::string AssertionRegex(const std::string& source, int line, const std::string& function,
+                           const std::string& expression) {
+    std::string regex;
+    for (const char c : Text("%s:%d: %s: Assertion `%s' failed", source.c_str(), line, function.c_str(),
+                             expression.c_str())) {
+        if (strchr("()[]{}*+?.|^$\\", c))
+            regex += '\\';
+        regex += c;
+    }
+    return regex;
 }
