@@ -21,8 +21,8 @@ public:
     // peer has the call repeated without end.
     virtual bool ClientActivity(int fd);
 
-    // The server has sent data. True keeps watching. Read what is there: with unread data the client thread
-    // spins.
+    // The server has sent data. True keeps watching, false stops for good. Read what is there either way: the
+    // client thread finds unread data on every pass and turns without waiting.
     virtual bool ServerActivity();
 
     // A message from the thread's queue: a MSG that lives for the call, and false. The result is ignored.

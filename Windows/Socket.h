@@ -69,7 +69,7 @@ public:
     int ReceiveLength(bool wait = true, unsigned int timeoutMs = 0);
 
     // Receives a frame into block. A block whose length differs from the new one is freed first; one of the
-    // same length is not: free it before receiving again.
+    // same length is not: free it before receiving again. When the payload fails block holds nothing.
     int ReceiveBlock(ReceivedDataBlock& block, bool wait = true, unsigned int timeoutMs = 0);
 
     // Receives a frame as a new BSTR, which the caller frees with SysFreeString. text must be NULL or a BSTR
@@ -78,7 +78,8 @@ public:
     int Receive(char*& text, bool wait = true, unsigned int timeoutMs = 0);
 
     // Sends a text, or length bytes, as one frame in one call of send(); a frame that was taken in part
-    // counts as sent. NULL and nothing send nothing and return true. False on failure.
+    // counts as sent. NULL and nothing send nothing and return true. False on failure. The first frame to a
+    // peer that has gone may still be taken by the system and count as sent.
     bool Send(char* text);
     bool SendBlock(unsigned char* data, unsigned long length);
 

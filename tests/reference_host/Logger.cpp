@@ -298,9 +298,8 @@ TEST(Logger, Time_is_the_calendars) {
 
 TEST(Logger, Every_day_of_a_period_of_the_calendar_is_right) {
     time_t noon = 43200;
-    time_t last = 146097L * 86400;
-    if (sizeof(time_t) == 4)
-        last = INT_MAX;
+    const long long period = 146097LL * 86400;
+    const auto last = static_cast<time_t>(sizeof(time_t) == 4 ? INT_MAX : period);
     std::string line;
     const calls::Replaced set(calls::clock_gettime, [&](clockid_t, timespec* time) {
         *time = {noon, 0};

@@ -477,7 +477,8 @@ EARLY int ioctl(int fd, unsigned long request, ...) noexcept {
     va_end(args);
     if (!IsWatched(Call::Ioctl))
         return REAL(ioctl)(fd, request, argument);
-    static const Name requests[] = {{FIONREAD, "FIONREAD"}, {FIONBIO, "FIONBIO"}};
+    static const Name requests[] = {{static_cast<long>(FIONREAD), "FIONREAD"},
+                                    {static_cast<long>(FIONBIO), "FIONBIO"}};
     return Observe<int>(
         Call::Ioctl, fd, 0, request,
         [&] { return "ioctl(" + Named(requests, static_cast<long>(request)) + ")"; },

@@ -20,8 +20,8 @@ BUILD = None
 LIMIT = 60 * float(os.environ.get("WINDOWS_TEST_TIME_MULTIPLIER", "1"))
 
 QUICKACK = r"setsockopt\(FD, SOL_TCP, TCP_QUICKACK, \[1\], 4\)"
-TO_NON_BLOCKING = [r"fcntl\(FD, F_GETFL\)", r"fcntl\(FD, F_SETFL, O_RDWR\|O_NONBLOCK\)"]
-TO_BLOCKING = [r"fcntl\(FD, F_GETFL\)", r"fcntl\(FD, F_SETFL, O_RDWR\)"]
+TO_NON_BLOCKING = [r"fcntl(?:64)?\(FD, F_GETFL\)", r"fcntl(?:64)?\(FD, F_SETFL, O_RDWR\|O_NONBLOCK\)"]
+TO_BLOCKING = [r"fcntl(?:64)?\(FD, F_GETFL\)", r"fcntl(?:64)?\(FD, F_SETFL, O_RDWR\)"]
 RECEIVE = (TO_NON_BLOCKING
            + [QUICKACK, r'recvfrom\(FD, "\\0", 1, MSG_PEEK\|MSG_DONTWAIT, NULL, NULL\)']
            + [QUICKACK, r'recvfrom\(FD, "\\0\\0\\0\\5", 4, 0, NULL, NULL\)']
