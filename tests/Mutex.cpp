@@ -19,6 +19,7 @@
 #include <Windows/WinThread.h>
 #include <Windows/synchelpers.h>
 
+#include "support/emulator.h"
 #include "support/interpose.h"
 #include "support/monitor.h"
 #include "support/peer.h"
@@ -869,6 +870,8 @@ TEST(Mutex, Destroying_a_thread_that_posts_a_construction_ends_the_thread_afterw
 }
 
 TEST(Mutex, A_thread_that_polls_can_be_destroyed) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     CMutex mutex(true);
     Gate polling, never;
     Host::FakeSleep([&](unsigned long) {
@@ -889,6 +892,8 @@ TEST(Mutex, A_thread_that_polls_can_be_destroyed) {
 }
 
 TEST(Mutex, A_thread_that_really_sleeps_between_two_tries_can_be_destroyed) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
 #if defined(UNDER_ADDRESS_SANITIZER) || defined(UNDER_THREAD_SANITIZER)
     GTEST_SKIP() << "the sanitizer does not notice that a cancellation leaves nanosleep()";
 #endif

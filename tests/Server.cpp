@@ -108,8 +108,10 @@ TEST(Server, Fields_follow_the_base_in_their_order) {
     EXPECT_LT(listening, event);
     EXPECT_LT(event, socket);
 
-    const CCmdTarget* handler; // the reference, between the first two
-    memcpy(&handler, event - sizeof handler, sizeof handler);
+    // The reference stands between the first two, with padding behind it where events are aligned to 8 bytes.
+    const uintptr_t slot = (reinterpret_cast<uintptr_t>(listening) / sizeof(void*) + 1) * sizeof(void*);
+    const CCmdTarget* handler;
+    memcpy(&handler, reinterpret_cast<const void*>(slot), sizeof handler);
     EXPECT_EQ(handler, &target);
 }
 

@@ -13,6 +13,7 @@
 
 #include <Windows/WinThread.h>
 
+#include "support/emulator.h"
 #include "support/interpose.h"
 #include "support/peer.h"
 #include "support/recording_host.h"
@@ -216,6 +217,8 @@ unsigned int WaitInScope(void* argument) {
 } // namespace
 
 TEST(SingleLock, Releases_when_its_thread_is_destroyed_inside_the_scope) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     Scene scene;
     CWinThread* thread = AfxBeginThread(&WaitInScope, &scene);
     ASSERT_TRUE(scene.inLogger.Wait());

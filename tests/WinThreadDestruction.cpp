@@ -29,6 +29,7 @@
 #include <Windows/synchelpers.h>
 
 #include "support/deadline.h"
+#include "support/emulator.h"
 #include "support/interpose.h"
 #include "support/peer.h"
 #include "support/recording_host.h"
@@ -239,6 +240,8 @@ template <class Round> int Stress(Round round, int perRound = 1) {
 const char* const CLOSE_IS_CALLED_A_RACE = "ThreadSanitizer reports each close() during a read() as a race";
 
 TEST(WinThreadDestruction, Thousands_blocked_in_read_leave_nothing_and_never_run_on) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     if (UNDER_THREAD_SANITIZER)
         GTEST_SKIP() << CLOSE_IS_CALLED_A_RACE;
     Stress([] { ASSERT_TRUE((BlockedThreads<NO_TIMEOUT, 20>().AreAsleep())); }, 20);
@@ -246,6 +249,8 @@ TEST(WinThreadDestruction, Thousands_blocked_in_read_leave_nothing_and_never_run
 }
 
 TEST(WinThreadDestruction, Thousands_blocked_in_select_leave_nothing_and_never_run_on) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     Stress([] { ASSERT_TRUE((BlockedThreads<LONG_TIMEOUT, 20>().AreAsleep())); }, 20);
     EXPECT_EQ(g_escapes, 0);
 }
@@ -806,6 +811,8 @@ unsigned int WaitForEvent(void* timeoutMs) {
 }
 
 TEST(WinThreadDestruction, An_event_stays_usable_when_a_waiting_thread_is_destroyed) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     ResetCounters();
     unsigned int timeouts[] = {static_cast<unsigned int>(INFINITE), 100000000};
     for (unsigned int& timeoutMs : timeouts) {

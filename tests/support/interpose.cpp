@@ -404,7 +404,9 @@ std::string FcntlText(int command, long argument) {
     const std::string name = "fcntl(" + Named(commands, command);
     if (command == F_GETFL || command == F_GETFD)
         return name + ")";
-    return name + ", " + (command == F_SETFL ? NamedBits(modes, argument) : Text("%ld", argument)) + ")";
+    if (command == F_SETFL) // without a bit that comes from the 64-bit system below an emulator
+        return name + ", " + NamedBits(modes, argument & ~static_cast<long>(O_LARGEFILE)) + ")";
+    return name + ", " + Text("%ld", argument) + ")";
 }
 
 std::string Family(int family) {

@@ -10,6 +10,7 @@ import argparse
 import contextlib
 import fcntl
 import os
+import shlex
 import signal
 import socket
 import struct
@@ -25,10 +26,11 @@ MIB = 1 << 20
 LONGEST_LINE = 16 * MIB
 
 BUILD = None
+EMULATOR = shlex.split(os.environ.get("WINDOWS_TEST_EMULATOR", ""))
 
 
 def program(name):
-    return os.path.join(BUILD, "examples", name)
+    return [*EMULATOR, os.path.join(BUILD, "examples", name)]
 
 
 def sanitized():
@@ -134,7 +136,7 @@ class Case(unittest.TestCase):
 
     def start(self, name, *arguments, **options):
         options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
-        process = subprocess.Popen([program(name), *arguments], **options)
+        process = subprocess.Popen([*program(name), *arguments], **options)
         self.processes.append(process)
         return process
 

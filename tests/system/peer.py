@@ -9,6 +9,7 @@ WINDOWS_TEST_TIME_MULTIPLIER.
 """
 import argparse
 import os
+import shlex
 import socket
 import struct
 import subprocess
@@ -19,6 +20,7 @@ import unittest
 LIMIT = 30 * float(os.environ.get("WINDOWS_TEST_TIME_MULTIPLIER", "1"))
 
 BUILD = None
+EMULATOR = shlex.split(os.environ.get("WINDOWS_TEST_EMULATOR", ""))
 
 
 def prefix(length):
@@ -90,7 +92,7 @@ class Program:
     """A running peer_program. It is killed when it takes too long; reading from it then fails."""
 
     def __init__(self, *arguments):
-        self.process = subprocess.Popen([os.path.join(BUILD, "tests", "peer_program"), *arguments],
+        self.process = subprocess.Popen([*EMULATOR, os.path.join(BUILD, "tests", "peer_program"), *arguments],
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.timer = threading.Timer(10 * LIMIT, self.process.kill)
         self.timer.daemon = True
