@@ -152,6 +152,8 @@ TEST(Support, Logger_is_no_cancellation_point_and_spoils_errno) {
 }
 
 TEST(Support, Cancelled_thread_leaves_a_gate_usable) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     Gate gate, waiting;
     struct Gates {
         Gate* gate;

@@ -19,6 +19,7 @@
 
 #include <Windows/WinThread.h>
 
+#include "support/emulator.h"
 #include "support/interpose.h"
 #include "support/peer.h"
 #include "support/recording_host.h"
@@ -455,6 +456,8 @@ TEST(event, Wakeups_do_not_postpone_the_end_of_a_timed_wait) {
 }
 
 TEST(event, A_wait_without_limit_on_an_auto_reset_event_sleeps_again_when_the_event_is_set) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     CEvent event(false, false);
     CallLog log({Call::CondWait, Call::CondTimedwait}, CallLog::AllThreads);
     struct Waiter {
@@ -749,6 +752,8 @@ void ExpectUsable(Waiting& waiting) {
 } // namespace
 
 TEST(event, Destroying_a_thread_that_waits_leaves_the_event_usable) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     for (unsigned long timeout : {FOR_EVER, 600000UL})
         for (bool keep : {false, true}) {
             SCOPED_TRACE(Text("time-out %lu, keep %d", timeout, keep));
@@ -765,6 +770,8 @@ TEST(event, Destroying_a_thread_that_waits_leaves_the_event_usable) {
 }
 
 TEST(event, Cancelling_a_thread_of_the_application_that_waits_leaves_the_event_usable) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     for (unsigned long timeout : {FOR_EVER, 600000UL}) {
         SCOPED_TRACE(timeout);
         Waiting waiting(true, timeout);

@@ -21,6 +21,7 @@
 #include <Windows/WinThread.h>
 #include <Windows/event.h>
 
+#include "support/emulator.h"
 #include "support/interpose.h"
 #include "support/peer.h"
 #include "support/recording_host.h"
@@ -485,6 +486,8 @@ bool WaitUntilGone(size_t threads) {
 } // namespace
 
 TEST(synchelpers, Handle_of_a_cancelled_thread_is_never_signalled) {
+    if (UnderEmulator())
+        GTEST_SKIP() << kNoUnwinding;
     const size_t threads = Resources::Threads().size();
     Cancelled state;
     CWinThread* thread = AfxBeginThread(&WaitToBeCancelled, &state);
