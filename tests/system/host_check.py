@@ -13,6 +13,7 @@ import concurrent.futures
 import os
 import pathlib
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -21,7 +22,7 @@ import unittest
 
 MULTIPLIER = float(os.environ.get("WINDOWS_TEST_TIME_MULTIPLIER", "1"))
 EMULATOR = os.environ.get("WINDOWS_TEST_EMULATOR", "")
-CXX = os.environ.get("WINDOWS_TEST_CXX") or "g++"
+CXX = shlex.split(os.environ.get("WINDOWS_TEST_CXX", "")) or ["g++"]
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 CHECK_HOST = ROOT / "tools" / "check-host"
 SERVICE = ["--service", "conformance=127.0.0.1:4711"]
@@ -34,7 +35,7 @@ def run(command, **options):
 
 
 def conformance(host, *arguments, fault=None):
-    command = EMULATOR.split() + [str(BUILD / "tools" / "host_conformance" / ("host_conformance_" + host)),
+    command = shlex.split(EMULATOR) + [str(BUILD / "tools" / "host_conformance" / ("host_conformance_" + host)),
                                   "--limit", str(int(10 * MULTIPLIER)), "--through", EMULATOR, *arguments]
     environment = {key: value for key, value in os.environ.items() if not key.startswith("HOST_CONFORMANCE_")}
     if fault:
@@ -138,6 +139,7 @@ CLogException* Exception(const char*, const char*, char*) { return nullptr; }
 """
 MAIN = "int main() {}\n"
 ALL_THERE = "check-host: all 20 services are there\n"
+HIDDEN = "it is hidden (-fvisibility=hidden, an attribute or a version script) or static"
 EXPORTED = ("-shared", "-fPIC")
 
 
@@ -151,7 +153,7 @@ class CheckHost(unittest.TestCase):
         """An ELF file of this source, which the compiler must accept as it stands."""
         code = self.folder / (name + ".cpp")
         code.write_text(source, encoding="ascii")
-        command = [*CXX.split(), "-std=c++11", "-I", str(ROOT), *flags, str(code), "-o", str(self.folder / name)]
+        command = [*CXX, "-std=c++11", "-I", str(ROOT), *flags, str(code), "-o", str(self.folder / name)]
         result = run(command)
         self.assertEqual(result.returncode, 0, result.stderr)
         return str(self.folder / name)
@@ -220,14 +222,14 @@ class CheckHost(unittest.TestCase):
         hidden = "__attribute__((visibility(\"hidden\"))) "
         file = self.build(self.changed("void Sleep(", hidden + "void Sleep(") + MAIN, "-rdynamic")
         self.check_one("not exported: Sleep(unsigned long)\n"
-                       f"    {file}: it has hidden visibility (-fvisibility=hidden, or an attribute)\n", file)
+                       f"    {file}: {HIDDEN}\n", file)
 
     def test_a_version_script(self):
         script = self.folder / "script"
         script.write_text("{ local: GetTickCount; };\n", encoding="ascii")
         file = self.build(HOST, *EXPORTED, f"-Wl,--version-script={script}")
         self.check_one('not exported: extern "C" unsigned long GetTickCount()\n'
-                       f"    {file}: it is local (static, or a version script's \"local:\")\n", file)
+                       f"    {file}: {HIDDEN}\n", file)
 
     def test_a_stripped_executable(self):
         self.assertNotIn("not exported", self.check(1, self.build(HOST + MAIN, "-s")))
