@@ -226,8 +226,12 @@ template <class Round> int Stress(Round round, int perRound = 1) {
         EXPECT_EQ(after.threads, before->threads);
         EXPECT_EQ(after.registered, before->registered);
 #if !UNDER_THREAD_SANITIZER && !UNDER_ADDRESS_SANITIZER // they keep memory of their own
-        EXPECT_LE(after.mappings, before->mappings + CACHED_STACK_MAPPINGS + 50);
-        EXPECT_LE(after.heap, before->heap + 64 * 1024);
+        if (UnderEmulator()) {
+            printf("memory is not compared: %s\n", kNoUnwinding);
+        } else {
+            EXPECT_LE(after.mappings, before->mappings + CACHED_STACK_MAPPINGS + 50);
+            EXPECT_LE(after.heap, before->heap + 64 * 1024);
+        }
 #endif
         EXPECT_TRUE(IsFree(CWinThread::m_mapMutex));
     };
@@ -240,8 +244,6 @@ template <class Round> int Stress(Round round, int perRound = 1) {
 const char* const CLOSE_IS_CALLED_A_RACE = "ThreadSanitizer reports each close() during a read() as a race";
 
 TEST(WinThreadDestruction, Thousands_blocked_in_read_leave_nothing_and_never_run_on) {
-    if (UnderEmulator())
-        GTEST_SKIP() << kNoUnwinding;
     if (UNDER_THREAD_SANITIZER)
         GTEST_SKIP() << CLOSE_IS_CALLED_A_RACE;
     Stress([] { ASSERT_TRUE((BlockedThreads<NO_TIMEOUT, 20>().AreAsleep())); }, 20);
@@ -249,8 +251,6 @@ TEST(WinThreadDestruction, Thousands_blocked_in_read_leave_nothing_and_never_run
 }
 
 TEST(WinThreadDestruction, Thousands_blocked_in_select_leave_nothing_and_never_run_on) {
-    if (UnderEmulator())
-        GTEST_SKIP() << kNoUnwinding;
     Stress([] { ASSERT_TRUE((BlockedThreads<LONG_TIMEOUT, 20>().AreAsleep())); }, 20);
     EXPECT_EQ(g_escapes, 0);
 }
