@@ -16,7 +16,10 @@ TEST(ThreadLife, Is_tested_without_ThreadSanitizer) {
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <new>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -177,6 +180,73 @@ TEST(ThreadLife, A_client_that_turns_over_unread_data_is_destroyed) {
     ASSERT_TRUE(target.asked.Wait());
     Background destroyer([&] { client.reset(); });
     EXPECT_TRUE(destroyer.Join());
+}
+
+// A thread that has called pthread_exit, with work to do in a destructor on its stack.
+struct EndingThread {
+    explicit EndingThread(std::function<void()> work)
+        : atEnd(std::move(work)), object(new (storage) CWinThread(Run, this)) {
+        object->PostMessage(7, 0, nullptr);
+        object->ResumeThread();
+    }
+
+    // The memory stays, so that the thread may be seen to leave it alone.
+    void Destroy() { object->~CWinThread(); }
+
+    static unsigned int Run(void* p) {
+        struct AtEnd {
+            EndingThread& thread;
+            ~AtEnd() {
+                thread.atEnd();
+                thread.done.Open();
+            }
+        } atEnd{*static_cast<EndingThread*>(p)};
+        pthread_exit(nullptr);
+    }
+
+    std::function<void()> atEnd;
+    Gate done;
+    alignas(CWinThread) unsigned char storage[sizeof(CWinThread)];
+    CWinThread* object;
+};
+
+TEST(ThreadLife, A_thread_that_ends_after_its_object_is_gone_gets_no_message) {
+    Gate ending, gone;
+    int results = -1;
+    EndingThread* thread = nullptr;
+    EndingThread ender([&] {
+        ending.Open();
+        gone.Wait();
+        MSG message;
+        results = ::GetMessage(&message, nullptr, 0, 0) +
+                  ::PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE) +
+                  thread->object->GetMessage(&message, 0, 0, 0, false) +
+                  thread->object->PeekMessage(&message, 0, 0);
+    });
+    thread = &ender;
+    ASSERT_TRUE(ending.Wait());
+    ender.Destroy();
+    gone.Open();
+    ASSERT_TRUE(ender.done.Wait());
+    EXPECT_EQ(results, 0);
+}
+
+TEST(ThreadLife, A_thread_that_ends_and_waits_for_a_message_is_let_go_when_its_object_goes) {
+    for (const unsigned int timeoutMs : {0U, 60000U}) {
+        SCOPED_TRACE(timeoutMs);
+        CallLog calls({timeoutMs == 0 ? Call::Read : Call::Select}, CallLog::AllThreads);
+        int results[2] = {-1, -1};
+        EndingThread ender([&] {
+            MSG message;
+            for (int& result : results)
+                result = ::GetMessage(&message, nullptr, 0, 0, timeoutMs);
+        });
+        ASSERT_TRUE(calls.WaitFor(timeoutMs == 0 ? Call::Read : Call::Select, timeoutMs == 0 ? 2 : 1));
+        ender.Destroy();
+        ASSERT_TRUE(ender.done.Wait());
+        EXPECT_EQ(results[0], 1);
+        EXPECT_EQ(results[1], 0);
+    }
 }
 
 #endif
