@@ -1245,6 +1245,37 @@ TEST(Client, Reset_during_the_wait_stops_the_watch_and_the_queue_is_served) {
     EXPECT_EQ(session.target.Seen(), (Calls{"message 5"}));
 }
 
+TEST(Client, Events_come_before_the_calls_that_they_announce) {
+    Session session;
+    std::atomic<bool> arrived{false}, onPipe{false};
+    {
+        Hold hold(*session.client, session.target);
+        const int fd = session.Fd();
+        session.target.onServerActivity = [&, fd] {
+            arrived = Recorder::Has(
+                12, 9,
+                Text("CClient::Main() fd %d: Data has arrived from the server signalling serverHandler", fd));
+            char* text = nullptr;
+            session.client->ReceiveFromServer(text, false, 0);
+            SysFreeString(text);
+            return true;
+        };
+        session.target.onMessage = [&, fd](const MSG& message, bool) {
+            if (message.message == 5)
+                onPipe = Recorder::Has(12, 9, Text("CClient::Main() fd %d: Message on thread's pipe.", fd));
+            return false;
+        };
+        session.Deliver("hello");
+        Recorder::Clear();
+    }
+    EXPECT_TRUE(session.target.WaitForCall("server"));
+    EXPECT_EQ(Post(*session.client, 5), 1);
+    EXPECT_EQ(Post(*session.client, 6), 1);
+    EXPECT_TRUE(session.target.WaitForCall("message 6"));
+    EXPECT_TRUE(arrived);
+    EXPECT_TRUE(onPipe);
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // Numbers of descriptors
 

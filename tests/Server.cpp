@@ -624,6 +624,26 @@ TEST(Server, Closing_the_queue_inside_RouteMessage_ends_the_thread) {
     EXPECT_TRUE(SameEvents(MainEvents(*server), {ACTIVE, MESSAGE, SelectFailed(EBADF), NOT_LISTENING}));
 }
 
+TEST(Server, Events_come_before_the_calls_that_they_announce) {
+    RecordingTarget target;
+    std::atomic<bool> established{false}, onFifo{false};
+    target.onConnection = [&](CSocket*) {
+        established = Recorder::Has(11, 9, "CServer::Main() : Client connection established.");
+    };
+    target.onMessage = [&](const MSG&, bool) {
+        onFifo = Recorder::Has(11, 9, "CServer::Main() : Message on thread's FIFO.");
+        return false;
+    };
+    ServerPtr server(new CServer(0, target));
+    Connection peer = ConnectTo(PortOf(*server));
+    EXPECT_EQ(Post(*server, 5), 1);
+    EXPECT_TRUE(target.WaitForCall("message 5"));
+    EXPECT_EQ(Post(*server, 6), 1); // when it is there, the calls before it have returned
+    EXPECT_TRUE(target.WaitForCall("message 6"));
+    EXPECT_TRUE(established);
+    EXPECT_TRUE(onFifo);
+}
+
 // The handler must delete a socket in ClientActivity and return false: anywhere else its descriptor is still
 // watched.
 TEST(Server, Deleting_a_socket_in_ClientConnection_ends_the_thread) {

@@ -428,6 +428,27 @@ TEST(WinThreadQueue, A_message_that_finds_the_pipe_full_is_parked_and_counts_as_
     EXPECT_EQ(queue.TakeAll(), (Numbers{2, 1}));
 }
 
+TEST(WinThreadQueue, A_parked_message_keeps_all_that_it_was_posted_with) {
+    Queue queue;
+    int target = 0;
+    {
+        Interpose full(Call::Write);
+        full.OnThisThread().Always().Fail(EAGAIN);
+        Host::SetTickCount(111);
+        EXPECT_EQ(queue.PostMessage(7, 8, &target), 1);
+    }
+    Host::SetTickCount(222);
+    EXPECT_EQ(queue.Post(9), 1); // and its read moves the parked one
+    EXPECT_EQ(queue.Take(), 9U);
+    MSG msg = {};
+    EXPECT_EQ(queue.PeekMessage(&msg, 0, 0), 1);
+    Host::UseRealTickCount();
+    EXPECT_EQ(msg.message, 7U);
+    EXPECT_EQ(msg.wParam, 8UL);
+    EXPECT_EQ(msg.lParam, &target);
+    EXPECT_EQ(msg.time, 111UL);
+}
+
 TEST(WinThreadQueue, Behind_a_parked_message_a_poster_tries_only_once) {
     Queue queue;
     queue.Park(1, 1);
