@@ -24,11 +24,11 @@ QUICKACK = r"setsockopt\(FD, SOL_TCP, TCP_QUICKACK, \[1\], 4\)"
 TO_NON_BLOCKING = [r"fcntl(?:64)?\(FD, F_GETFL\)", r"fcntl(?:64)?\(FD, F_SETFL, O_RDWR\|O_NONBLOCK\)"]
 TO_BLOCKING = [r"fcntl(?:64)?\(FD, F_GETFL\)", r"fcntl(?:64)?\(FD, F_SETFL, O_RDWR\)"]
 RECEIVE = (TO_NON_BLOCKING
-           + [QUICKACK, r'recvfrom\(FD, "\\0", 1, MSG_PEEK\|MSG_DONTWAIT, NULL, NULL\)']
-           + [QUICKACK, r'recvfrom\(FD, "\\0\\0\\0\\5", 4, 0, NULL, NULL\)']
+           + [QUICKACK, r'recv(?:from)?\(FD, "\\0", 1, MSG_PEEK\|MSG_DONTWAIT(?:, NULL, NULL)?\)']
+           + [QUICKACK, r'recv(?:from)?\(FD, "\\0\\0\\0\\5", 4, 0(?:, NULL, NULL)?\)']
            + TO_BLOCKING
-           + [QUICKACK, r'recvfrom\(FD, "hello", 5, 0, NULL, NULL\)'])
-SEND = [r'sendto\(FD, "\\0\\0\\0\\5hello", 9, MSG_NOSIGNAL, NULL, 0\)']
+           + [QUICKACK, r'recv(?:from)?\(FD, "hello", 5, 0(?:, NULL, NULL)?\)'])
+SEND = [r'send(?:to)?\(FD, "\\0\\0\\0\\5hello", 9, MSG_NOSIGNAL(?:, NULL, 0)?\)']
 
 
 def calls_of_the_connection(trace):
