@@ -9,6 +9,8 @@
 // Thread safety: PostThreadMessage(m_nThreadID, ...) from any thread; the rest belongs to the owner.
 // Lifetime: the owner deletes the server, which cancels its thread (see WinThread.h). Accepted sockets are
 // the command target's and stay open.
+// Errors: a connection that cannot be accepted is logged. Where there is no memory for one std::bad_alloc
+// leaves the thread, which ends the process.
 #ifndef WINDOWS_SERVER_H
 #define WINDOWS_SERVER_H
 

@@ -6,7 +6,8 @@
 // Thread safety: one object is used by one thread at a time; two objects never share anything.
 // Lifetime: the object closes its descriptor. It is 32 KiB large, so it lives on the heap. It has no virtual
 // destructor: delete it as what it is.
-// Errors: no function throws. Everything is logged.
+// Errors: everything is logged. No function throws, but for a receive whose payload fails: without memory for
+// its report std::bad_alloc leaves it. A wait for a descriptor above 1023 needs memory, and fails without.
 //
 // Results of the receive functions: above 0 the payload length; 0 nothing there, or the time ran out; -1 an
 // error; -2 the peer has closed. Lengths of 2^31 and above arrive as negative numbers, so the prefixes

@@ -33,8 +33,9 @@ public:
 //
 // Called by CClient's service name constructor alone, in the constructing thread, with that object's
 // suspension lock held and no other, any number of threads at once. serviceName is NUL-terminated text that
-// lives for the call. The third argument is always 10 and means whatever the host lets it mean. The lookup
-// may block and allocate (the constructor waits for it); it must not throw.
+// lives for the call, or NULL where there was no memory for it: there is no such service then. The third
+// argument is always 10 and means whatever the host lets it mean. The lookup may block and allocate (the
+// constructor waits for it); it must not throw.
 int RegSvcQueryForServiceAddress(const char* serviceName, CServiceAddress& address, int);
 
 #endif
