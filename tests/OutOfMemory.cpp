@@ -11,8 +11,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <new>
