@@ -1286,7 +1286,11 @@ const Scenario TEXTS[] = {
      }},
     {"VariantCopy", 1, "NULL", nullptr,
      [] {
-         static _variant_t source("abc");
+         // Freed at the end, unlike a variant.
+         static const _bstr_t text("abc");
+         static _variant_t source;
+         source.vt = VT_BSTR;
+         source.bstrVal = const_cast<BSTR>(static_cast<const char*>(text));
          return Trial([] {
              _variant_t copy(7);
              VariantCopy(&copy, &source);

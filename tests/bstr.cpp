@@ -980,6 +980,7 @@ TEST(bstr, Append_to_an_empty_wrapper) {
 
 TEST(bstr, Append_goes_behind_the_stored_length) {
     _bstr_t b(SysAllocStringLen("ab", 5), false);
+    b.getData()[2] = '\0'; // what lies behind the text is not defined
     b += "cd";
     EXPECT_EQ(b.length(), 7);
     EXPECT_EQ(memcmp(b.getData(), "ab", 2), 0);

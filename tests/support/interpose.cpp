@@ -253,7 +253,7 @@ template <class Result> bool IsFailure(Call call, Result result) {
 
 template <class Result> long AsLong(Result result) {
     if constexpr (std::is_pointer_v<Result>)
-        return result != nullptr;
+        return reinterpret_cast<long>(result);
     else
         return static_cast<long>(result);
 }

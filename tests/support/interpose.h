@@ -72,7 +72,7 @@ struct CallRecord {
     pthread_t thread;    // the caller
     std::string text;    // name and arguments, without the descriptor
     bool finished = false; // has returned; in a callback, and for a call that blocks or was cancelled: false
-    long result = 0;     // what it returned; of a pointer whether it is not NULL
+    long result = 0;     // what it returned; of a pointer its address
     int error = 0;       // errno, if it failed and sets errno
 };
 // clang-format on
