@@ -991,6 +991,7 @@ Interpose& Interpose::Always() { return FromCall(1); }
 Interpose& Interpose::OnDescriptor(int fd) {
     Monitor::Lock lock(g_monitor);
     m_state->fd = fd;
+    m_state->seen = 0; // other descriptors' calls may have come before
     return *this;
 }
 
@@ -998,6 +999,7 @@ Interpose& Interpose::OnThread(pthread_t thread) {
     Monitor::Lock lock(g_monitor);
     m_state->oneThread = true;
     m_state->thread = thread;
+    m_state->seen = 0; // and other threads'
     return *this;
 }
 
@@ -1006,6 +1008,7 @@ Interpose& Interpose::OnThisThread() { return OnThread(pthread_self()); }
 Interpose& Interpose::When(std::function<bool(const CallRecord&)> predicate) {
     Monitor::Lock lock(g_monitor);
     m_state->predicate = std::move(predicate);
+    m_state->seen = 0;
     return *this;
 }
 
