@@ -16,6 +16,7 @@
 
 #include <Windows/bstr.h>
 
+#include "BstrFixtures.h"
 #include "support/interpose.h"
 #include "support/recording_host.h"
 #include "support/text.h"
@@ -64,24 +65,11 @@ std::string Full(const char* format, ...) {
     return text;
 }
 
-// Counts the blocks of the library alone: nothing is recorded meanwhile.
-class LibraryAllocations {
-public:
-    LibraryAllocations() { Recorder::Pause(); }
-    ~LibraryAllocations() { Recorder::Resume(); }
-
-    AllocationCounter counter;
-};
-
 // Text that is no BSTR, with known bytes in front of it.
 struct NoBstr {
     char before[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     char text[8] = "abc";
 };
-
-ExpectedEvent NonBstrEvent(const void* pointer) {
-    return {11, 1, Text("SysFreeString called with a NON bstr!! %p", pointer)};
-}
 
 // Has the next block of this size most likely begin with other bytes than NULs. The size is one that the C
 // library does not keep apart for each thread.

@@ -16,6 +16,7 @@
 
 #include <Windows/variant.h>
 
+#include "BstrFixtures.h"
 #include "support/interpose.h"
 #include "support/recording_host.h"
 #include "support/text.h"
@@ -192,24 +193,11 @@ size_t Locks(const std::function<void()>& call) {
     return log.Records().size();
 }
 
-// Counts the blocks of the library alone: nothing is recorded meanwhile.
-class LibraryAllocations {
-public:
-    LibraryAllocations() { Recorder::Pause(); }
-    ~LibraryAllocations() { Recorder::Resume(); }
-
-    AllocationCounter counter;
-};
-
 // Text that is no BSTR, with known bytes in front of it.
 struct NoBstr {
     char before[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     char text[8] = "12ab";
 };
-
-ExpectedEvent NonBstrEvent(const void* pointer) {
-    return {11, 1, Text("SysFreeString called with a NON bstr!! %p", pointer)};
-}
 
 _variant_t Variant(const Value& value) {
     _variant_t v;
