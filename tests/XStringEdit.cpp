@@ -911,54 +911,44 @@ TEST(XStringEdit, Insert_into_a_shared_string_builds_a_buffer_that_fits_whatever
     }
 }
 
+namespace {
+
+// An insertion into "abc" in a buffer of its own leaves these bytes, and nothing else is changed.
+template <class Inserted>
+void ExpectInPlace(int index, Inserted inserted, unsigned int size, const std::string& bytes) {
+    SCOPED_TRACE(Text("at %d in %u bytes", index, size));
+    XString s = WithBuffer("abc", size);
+    const XStringData* header = s.m_pStrData;
+    AllocationCounter counter;
+    const int result = s.Insert(index, inserted);
+    const int allocations = counter.Allocations();
+    EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(result, 3) << "the old length";
+    EXPECT_EQ(s.GetLength(), 3);
+    EXPECT_EQ(s.m_pStrData, header);
+    EXPECT_EQ(s.m_pStrData->m_uiBuffSize, size);
+    EXPECT_EQ(s.m_pStrData->m_iBlockSize, 7);
+    EXPECT_FALSE(s.m_pStrData->m_bLocked);
+    EXPECT_EQ(Bytes(s, static_cast<unsigned int>(bytes.size())), bytes) << "no NUL is written";
+}
+
+struct Placed {
+    int index;
+    const char* bytes;
+};
+
+} // namespace
+
 TEST(XStringEdit, Insert_of_a_character_in_place_moves_the_rest_and_leaves_length_and_what_is_behind) {
-    const struct {
-        int index;
-        const char* bytes;
-    } cases[] = {{-1, "xabcz"}, {0, "xabcz"}, {1, "axbcz"}, {2, "abxcz"}};
-    for (const auto& c : cases) {
-        for (const unsigned int size : {5U, 16U}) {
-            SCOPED_TRACE(Text("at %d in %u bytes", c.index, size));
-            XString s = WithBuffer("abc", size);
-            const XStringData* header = s.m_pStrData;
-            AllocationCounter counter;
-            const int result = s.Insert(c.index, 'x');
-            const int allocations = counter.Allocations();
-            EXPECT_EQ(allocations, 0);
-            EXPECT_EQ(result, 3) << "the old length";
-            EXPECT_EQ(s.GetLength(), 3);
-            EXPECT_EQ(s.m_pStrData, header);
-            EXPECT_EQ(s.m_pStrData->m_uiBuffSize, size);
-            EXPECT_EQ(s.m_pStrData->m_iBlockSize, 7);
-            EXPECT_FALSE(s.m_pStrData->m_bLocked);
-            EXPECT_EQ(Bytes(s, 5), c.bytes) << "no NUL is written";
-        }
-    }
+    for (const Placed& c : {Placed{-1, "xabcz"}, {0, "xabcz"}, {1, "axbcz"}, {2, "abxcz"}})
+        for (const unsigned int size : {5U, 16U})
+            ExpectInPlace(c.index, 'x', size, c.bytes);
 }
 
 TEST(XStringEdit, Insert_of_a_text_in_place_moves_the_rest_and_leaves_length_and_what_is_behind) {
-    const struct {
-        int index;
-        const char* bytes;
-    } cases[] = {{-1, "vwxyabcz"}, {0, "vwxyabcz"}, {1, "avwxybcz"}, {2, "abvwxycz"}};
-    for (const auto& c : cases) {
-        for (const unsigned int size : {8U, 16U}) {
-            SCOPED_TRACE(Text("at %d in %u bytes", c.index, size));
-            XString s = WithBuffer("abc", size);
-            const XStringData* header = s.m_pStrData;
-            AllocationCounter counter;
-            const int result = s.Insert(c.index, "vwxy");
-            const int allocations = counter.Allocations();
-            EXPECT_EQ(allocations, 0);
-            EXPECT_EQ(result, 3) << "the old length";
-            EXPECT_EQ(s.GetLength(), 3);
-            EXPECT_EQ(s.m_pStrData, header);
-            EXPECT_EQ(s.m_pStrData->m_uiBuffSize, size);
-            EXPECT_EQ(s.m_pStrData->m_iBlockSize, 7);
-            EXPECT_FALSE(s.m_pStrData->m_bLocked);
-            EXPECT_EQ(Bytes(s, 8), c.bytes) << "no NUL is written";
-        }
-    }
+    for (const Placed& c : {Placed{-1, "vwxyabcz"}, {0, "vwxyabcz"}, {1, "avwxybcz"}, {2, "abvwxycz"}})
+        for (const unsigned int size : {8U, 16U})
+            ExpectInPlace(c.index, "vwxy", size, c.bytes);
 }
 
 TEST(XStringEdit, Insert_in_place_begins_where_the_text_and_its_NUL_fit_exactly) {
