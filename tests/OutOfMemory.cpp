@@ -1348,6 +1348,7 @@ TEST_P(OutOfMemoryScenario, Each_allocation_may_fail) {
     if (scenario.highDescriptors && (!limit.Raised() || !SelectTakesHighDescriptors()))
         GTEST_SKIP() << "no descriptors above 1023 in this environment";
     WarmUp(scenario);
+    Resources::ForgiveBlocks();
 
     int n = 1;
     for (;; ++n) {

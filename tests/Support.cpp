@@ -16,8 +16,11 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <Windows/XString.h>
+#include <Windows/bstr.h>
 #include <host/host.h>
 
+#include "support/blocks.h"
 #include "support/emulator.h"
 #include "support/interpose.h"
 #include "support/peer.h"
@@ -476,6 +479,26 @@ TEST(Support, Left_descriptors_and_threads_are_seen) {
     close(fd);
     go.Open();
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+TEST(Support, Left_blocks_of_the_library_are_seen) {
+    const std::set<uintptr_t> before = LibraryBlocks::All();
+    BSTR text = SysAllocString("abc");
+    auto* string = new XString("def"); // the object is the test's, its text the library's
+    free(malloc(3));
+    const size_t left = LibraryBlocks::All().size();
+    const uintptr_t first = *LibraryBlocks::All().begin();
+    const std::string origin = LibraryBlocks::Origin(first);
+    SysFreeString(text);
+    delete string;
+    EXPECT_EQ(left, before.size() + 3) << "a BSTR, and a string's text with its counter";
+    EXPECT_NE(origin, "?");
+    EXPECT_EQ(LibraryBlocks::All(), before);
+    EXPECT_EQ(LibraryBlocks::Origin(first), "?");
+}
+
+#endif
 
 TEST(Support, Census_outlives_an_abort) {
     if (getenv("SUPPORT_TEST_IS_CHILD")) {

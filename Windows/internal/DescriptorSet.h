@@ -27,7 +27,7 @@ public:
     bool Contains(int descriptor) const;
 
     // Waits until one of the descriptors below count can be read and keeps those; timeout as for select().
-    // Bits of count and above are left as they were.
+    // Of the others the kernel drops some (those in the last word that it reads), so do not ask for them.
     int Select(int count, timeval* timeout);
 
 private:

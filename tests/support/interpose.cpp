@@ -22,6 +22,7 @@
 #include <new>
 #include <type_traits>
 
+#include "support/blocks.h"
 #include "support/monitor.h"
 #include "support/text.h"
 
@@ -726,22 +727,36 @@ EARLY inline bool MustFail(FailAllocation::Kind kind) {
     return true;
 }
 
+// Every block of malloc's and new's passes these two.
 #ifdef __SANITIZE_ADDRESS__
 
 extern "C" void __lsan_ignore_object(const void*);
 
 // The dynamic linker keeps blocks where LeakSanitizer does not look, which therefore goes by who called
 // malloc. It would see only ours, so tell it.
-EARLY void* NoLeakOfLinker(void* block, void* caller) {
+EARLY void* Track(void* block, void* caller) {
     static const Range linker(getauxval(AT_BASE));
     if (block && linker.Contains(caller))
         __lsan_ignore_object(block);
     return block;
 }
 
+EARLY inline void Untrack(const void*) {}
+
+#elif defined(__SANITIZE_THREAD__)
+
+EARLY inline void* Track(void* block, void*) { return block; }
+
+EARLY inline void Untrack(const void*) {}
+
 #else
 
-EARLY inline void* NoLeakOfLinker(void* block, void*) { return block; }
+inline void* Track(void* block, void* caller) {
+    LibraryBlocks::Born(block, caller);
+    return block;
+}
+
+inline void Untrack(const void* block) { LibraryBlocks::Gone(block); }
 
 #endif
 
@@ -780,7 +795,7 @@ EARLY void* malloc(size_t size) noexcept {
                             [&](size_t) { return RAW(malloc)(size); })
                       : RAW(malloc)(size);
     Count(t_counts.mallocs, block);
-    return NoLeakOfLinker(block, __builtin_return_address(0));
+    return Track(block, __builtin_return_address(0));
 }
 
 EARLY void* calloc(size_t count, size_t size) noexcept {
@@ -794,7 +809,7 @@ EARLY void* calloc(size_t count, size_t size) noexcept {
                                                 [&](size_t) { return RAW(calloc)(count, size); })
                                           : RAW(calloc)(count, size);
     Count(t_counts.mallocs, block);
-    return NoLeakOfLinker(block, __builtin_return_address(0));
+    return Track(block, __builtin_return_address(0));
 }
 
 EARLY void* realloc(void* old, size_t size) noexcept {
@@ -803,6 +818,7 @@ EARLY void* realloc(void* old, size_t size) noexcept {
         errno = ENOMEM;
         return nullptr;
     }
+    Untrack(old); // first, as its address may be another thread's afterwards
     void* block = IsWatched(Call::Realloc)
                       ? Observe<void*>(
                             Call::Realloc, -1, size, 0, [&] { return Text("realloc(%zu)", size); },
@@ -812,11 +828,14 @@ EARLY void* realloc(void* old, size_t size) noexcept {
         Count(t_counts.frees, old);
     else
         Count(old ? t_counts.reallocs : t_counts.mallocs, block);
-    return NoLeakOfLinker(block, __builtin_return_address(0));
+    if (!block && !frees)
+        Track(old, __builtin_return_address(0));
+    return Track(block, __builtin_return_address(0));
 }
 
 EARLY void free(void* block) noexcept {
     Count(t_counts.frees, block);
+    Untrack(block);
     if (!IsWatched(Call::Free)) {
         RAW(free)(block);
         return;
@@ -883,7 +902,7 @@ EARLY void RealDelete(void* block, bool) noexcept {
 
 #endif
 
-EARLY void* New(size_t size, bool array) {
+EARLY void* New(size_t size, bool array, void* caller) {
     if (MustFail(FailAllocation::OnlyNew))
         throw std::bad_alloc();
     const Call call = array ? Call::ArrayNew : Call::New;
@@ -899,12 +918,12 @@ EARLY void* New(size_t size, bool array) {
             throw std::bad_alloc();
     }
     Count(array ? t_counts.arrayNews : t_counts.news, block);
-    return block;
+    return Track(block, caller);
 }
 
-EARLY void* NewOrNull(size_t size, bool array) noexcept {
+EARLY void* NewOrNull(size_t size, bool array, void* caller) noexcept {
     try {
-        return New(size, array);
+        return New(size, array, caller);
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -912,6 +931,7 @@ EARLY void* NewOrNull(size_t size, bool array) noexcept {
 
 EARLY void Delete(void* block, bool array) noexcept {
     Count(array ? t_counts.arrayDeletes : t_counts.deletes, block);
+    Untrack(block);
     const Call call = array ? Call::ArrayDelete : Call::Delete;
     if (!IsWatched(call)) {
         RealDelete(block, array);
@@ -928,13 +948,17 @@ EARLY void Delete(void* block, bool array) noexcept {
 
 } // namespace
 
-EARLY void* operator new(size_t size) { return New(size, false); }
+EARLY void* operator new(size_t size) { return New(size, false, __builtin_return_address(0)); }
 
-EARLY void* operator new[](size_t size) { return New(size, true); }
+EARLY void* operator new[](size_t size) { return New(size, true, __builtin_return_address(0)); }
 
-EARLY void* operator new(size_t size, const std::nothrow_t&) noexcept { return NewOrNull(size, false); }
+EARLY void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return NewOrNull(size, false, __builtin_return_address(0));
+}
 
-EARLY void* operator new[](size_t size, const std::nothrow_t&) noexcept { return NewOrNull(size, true); }
+EARLY void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+    return NewOrNull(size, true, __builtin_return_address(0));
+}
 
 EARLY void operator delete(void* block) noexcept { Delete(block, false); }
 

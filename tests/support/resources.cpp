@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/blocks.h"
 #include "support/deadline.h"
 #include "support/interpose.h"
 #include "support/recording_host.h"
@@ -18,6 +19,7 @@
 namespace {
 
 std::string g_allowed;
+std::set<uintptr_t> g_blocks; // before the case
 
 // The numbers that a folder of /proc/self lists.
 std::set<int> Numbers(const char* folder) {
@@ -73,6 +75,15 @@ void CheckThreads(const std::set<int>& before) {
     }
 }
 
+void CheckBlocks() {
+    std::string origins;
+    int left = 0;
+    for (uintptr_t block : LibraryBlocks::All())
+        if (!g_blocks.count(block) && ++left <= 10)
+            origins += "\n  " + LibraryBlocks::Origin(block);
+    EXPECT_EQ(left, 0) << "blocks were not released that the library allocated in" << origins;
+}
+
 class Check : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo&) override {
         Host::Reset();
@@ -81,6 +92,7 @@ class Check : public testing::EmptyTestEventListener {
         g_allowed.clear();
         m_descriptors = Resources::Descriptors();
         m_threads = Resources::Threads();
+        Resources::ForgiveBlocks();
     }
 
     void OnTestEnd(const testing::TestInfo&) override {
@@ -90,6 +102,8 @@ class Check : public testing::EmptyTestEventListener {
         }
         CheckThreads(m_threads);
         CheckDescriptors(m_descriptors);
+        Recorder::Clear(); // has event objects
+        CheckBlocks();
     }
 
     std::map<int, std::string> m_descriptors;
@@ -99,6 +113,8 @@ class Check : public testing::EmptyTestEventListener {
 } // namespace
 
 void Resources::Allow(const std::string& reason) { g_allowed = reason; }
+
+void Resources::ForgiveBlocks() { g_blocks = LibraryBlocks::All(); }
 
 std::map<int, std::string> Resources::Descriptors() {
     std::map<int, std::string> descriptors;
@@ -111,5 +127,6 @@ std::set<int> Resources::Threads() { return Numbers("/proc/self/task"); }
 
 void Resources::Install() {
     std::thread([] {}).join(); // a sanitizer's own thread begins with the first
+    LibraryBlocks::Install();
     testing::UnitTest::GetInstance()->listeners().Append(new Check);
 }
