@@ -74,8 +74,7 @@ template <typename... Address> void CClient::Connect(const Address&... address) 
 CClient::~CClient() {
     const windows::NoCancellation noCancellation;
     CLogger::PostLogEvent(LogTypeLife, LogSeverityInformation, "CClient::~CClient() called!", nullptr);
-    if (m_nThreadID != 0)
-        windows::ThreadLife::Claim(*this); // the thread uses the members that go now
+    windows::ThreadLife::Claim(*this); // the thread uses the members that go now
 }
 
 bool CClient::SendToServer(char* text) { return m_bConnectedToServer && m_clientSocket.Send(text); }

@@ -98,12 +98,9 @@ long CMemFile::Seek(long offset, unsigned int origin) {
 
 unsigned int CMemFile::Read(void* dest, unsigned int count) {
     // Unsigned throughout, and no check that the position lies within the length: callers see to that.
-    unsigned int readEnd = m_uiPosition + count;
-    if (readEnd > m_uiBufferSize) {
+    if (m_uiPosition + count > m_uiBufferSize)
         count = m_uiBufferSize - m_uiPosition;
-        readEnd = m_uiBufferSize;
-    }
-    if (m_uiFileLength < readEnd)
+    if (m_uiPosition + count > m_uiFileLength)
         count = m_uiFileLength - m_uiPosition;
     if (count > 0)
         memcpy(dest, m_pBuffer + m_uiPosition, count);

@@ -43,7 +43,7 @@ void LogLife(const char* text) { CLogger::PostLogEvent(LogTypeLife, LogSeverityI
 } // namespace
 
 CServer::CServer(int port, CCmdTarget& handler)
-    : m_bListening(false), m_pCmdTarget(handler), m_listeningEvent(true, false) {
+    : m_pCmdTarget(handler), m_listeningEvent(true, false) {
     Start(port, {"CServer::CServer(port,commHandler) : Called!",
                  "CServer::CServer(port,commHandler) : Could not bind socket.",
                  "CServer::CServer(port,commHandler) : Bound socket.",
@@ -52,7 +52,7 @@ CServer::CServer(int port, CCmdTarget& handler)
 }
 
 CServer::CServer(const CServiceAddress& address, CCmdTarget& handler)
-    : m_bListening(false), m_pCmdTarget(handler), m_listeningEvent(true, false) {
+    : m_pCmdTarget(handler), m_listeningEvent(true, false) {
     Start(address.getPortNumber(),
           {"CServer::CServer() : Called!", "CServer::CServer(sa,commHanlder) : Could not bind socket.",
            "CServer::CServer(sa,commHanlder) : Bound socket.",
@@ -74,8 +74,7 @@ void CServer::Start(int port, const Texts& texts) {
 CServer::~CServer() {
     const windows::NoCancellation noCancellation;
     LogLife("CServer::~CServer() called!");
-    if (m_nThreadID != 0)
-        windows::ThreadLife::Claim(*this); // the thread uses the members that go now
+    windows::ThreadLife::Claim(*this); // the thread uses the members that go now
 }
 
 void CServer::AddHandler() { LogLife("CServer::AddHandler() called!"); }

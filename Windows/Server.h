@@ -44,7 +44,7 @@ public:
         return m_listeningEvent.WaitForEventSignal(timeoutMs, nullptr);
     }
 
-    bool m_bListening;
+    bool m_bListening = false;
     CCmdTarget& m_pCmdTarget;
     CEvent m_listeningEvent; // set when the thread is in its loop
     ServerSocket m_serverSocket;

@@ -606,6 +606,14 @@ TEST(MemFile, WriteF_writes_NULs_that_the_format_makes) {
     EXPECT_EQ(Content(file), std::string("a\0b", 3));
 }
 
+TEST(MemFile, WriteF_of_an_empty_text_behind_the_end_moves_the_end_there) {
+    CMemFile file;
+    file.Write("abc", 3);
+    file.Seek(10, 0);
+    file.WriteF("%s", "");
+    EXPECT_EQ(file.GetLength(), 10U);
+}
+
 TEST(MemFile, WriteF_of_an_empty_text_writes_nothing) {
     CMemFile file(16U);
     file.WriteF("%s", "");

@@ -19,15 +19,19 @@ TEST(ThreadLife, Is_tested_without_ThreadSanitizer) {
 #include <functional>
 #include <memory>
 #include <new>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include <Windows/Client.h>
 #include <Windows/CmdTarget.h>
 #include <Windows/Server.h>
+#include <Windows/Socket.h>
 #include <Windows/WinThread.h>
 
+#include "NetworkFixtures.h"
 #include "support/interpose.h"
 #include "support/peer.h"
 #include "support/recording_host.h"
@@ -181,6 +185,124 @@ TEST(ThreadLife, A_client_that_turns_over_unread_data_is_destroyed) {
     Background destroyer([&] { client.reset(); });
     EXPECT_TRUE(destroyer.Join());
 }
+
+// A command target with a callback that outlasts its object: it cannot be cancelled, and returns when the object
+// is gone.
+class Outlasting : public CCmdTarget {
+public:
+    enum Callback { None, InConnection, InActivity, InServerActivity, InMessage };
+
+    // From now on this callback stays until Return().
+    void StayIn(Callback callback) { m_staysIn = callback; }
+
+    bool WaitInside() { return m_inside.Wait(); }
+
+    // Lets the callback return, and waits for the end of its thread. Returns how many callbacks came between.
+    int Return() {
+        m_gone.Open();
+        EXPECT_TRUE(m_threadEnds->Wait());
+        return m_callsAfter;
+    }
+
+    void ClientConnection(CSocket* socket) override {
+        m_sockets.emplace_back(socket);
+        Enter(InConnection);
+    }
+
+    bool ClientActivity(int) override {
+        Enter(InActivity);
+        return true;
+    }
+
+    bool ServerActivity() override {
+        Enter(InServerActivity);
+        return false;
+    }
+
+    bool RouteMessage(void*, bool) override {
+        Enter(InMessage);
+        return true;
+    }
+
+private:
+    struct AtThreadEnd {
+        std::shared_ptr<Gate> gate;
+        ~AtThreadEnd() { gate->Open(); }
+    };
+
+    void Enter(Callback callback) {
+        if (m_gone.IsOpen())
+            m_callsAfter++;
+        if (m_staysIn != callback || m_gone.IsOpen())
+            return;
+        static thread_local AtThreadEnd atThreadEnd;
+        atThreadEnd.gate = m_threadEnds;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        m_inside.Open();
+        m_gone.Wait();
+    }
+
+    std::atomic<Callback> m_staysIn{None};
+    std::atomic<int> m_callsAfter{0};
+    std::vector<std::unique_ptr<CSocket>> m_sockets;
+    Gate m_inside, m_gone;
+    std::shared_ptr<Gate> m_threadEnds = std::make_shared<Gate>();
+};
+
+// Destroys the object whose thread is in a callback: once it has returned, the thread does nothing any more.
+template <class Object> void DestroyInCallback(std::unique_ptr<Object> object, Outlasting& target) {
+    ASSERT_TRUE(target.WaitInside());
+    const unsigned long thread = object->m_nThreadID;
+    object.reset();
+    Recorder::Clear();
+    CallLog calls({Call::Select, Call::Ioctl, Call::Read, Call::Recv, Call::Fcntl}, CallLog::AllThreads);
+    EXPECT_EQ(target.Return(), 0);
+    EXPECT_TRUE(SameEvents(Recorder::EventsOfThread(thread), {}));
+    EXPECT_EQ(calls.Texts(), std::vector<std::string>{});
+}
+
+class CallbackOfServer : public testing::TestWithParam<Outlasting::Callback> {};
+class CallbackOfClient : public testing::TestWithParam<Outlasting::Callback> {};
+
+TEST_P(CallbackOfServer, Outlasts_its_server_and_returns_to_nothing) {
+    Outlasting target;
+    Gate firstClient, all;
+    Interpose firstWait(Call::Select);
+    firstWait.Before([&] { firstClient.Wait(); });
+    Interpose secondWait(Call::Select);
+    secondWait.OnCall(2).Before([&] { all.Wait(); });
+    auto server = std::make_unique<CServer>(0, target);
+    Connection first = ConnectTo(PortOf(*server));
+    firstClient.Open();
+    ASSERT_TRUE(secondWait.WaitActed());
+    // One pass gets a connection, a message and a client's data, in this order.
+    target.StayIn(GetParam());
+    const Connection second = ConnectTo(PortOf(*server));
+    PostThreadMessage(server->m_nThreadID, 7, 0, nullptr);
+    ASSERT_TRUE(first.Send("x"));
+    all.Open();
+    DestroyInCallback(std::move(server), target);
+}
+
+INSTANTIATE_TEST_SUITE_P(ThreadLife, CallbackOfServer,
+                         testing::Values(Outlasting::InConnection, Outlasting::InMessage,
+                                         Outlasting::InActivity));
+
+TEST_P(CallbackOfClient, Outlasts_its_client_and_returns_to_nothing) {
+    Outlasting target;
+    target.StayIn(GetParam());
+    ListenSocket listener;
+    auto client = std::make_unique<CClient>("127.0.0.1", listener.Port(), target);
+    Connection server = listener.Accept();
+    if (GetParam() == Outlasting::InServerActivity)
+        ASSERT_TRUE(server.Send(Frame("unread")));
+    else
+        PostThreadMessage(client->m_nThreadID, 7, 0, nullptr);
+    DestroyInCallback(std::move(client), target);
+}
+
+INSTANTIATE_TEST_SUITE_P(ThreadLife, CallbackOfClient,
+                         testing::Values(Outlasting::InServerActivity, Outlasting::InMessage));
 
 // A thread that has called pthread_exit, with work to do in a destructor on its stack.
 struct EndingThread {
