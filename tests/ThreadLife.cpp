@@ -186,8 +186,8 @@ TEST(ThreadLife, A_client_that_turns_over_unread_data_is_destroyed) {
     EXPECT_TRUE(destroyer.Join());
 }
 
-// A command target with a callback that outlasts its object: it cannot be cancelled, and returns when the object
-// is gone.
+// A command target with a callback that outlasts its object: it cannot be cancelled, and returns when the
+// object is gone.
 class Outlasting : public CCmdTarget {
 public:
     enum Callback { None, InConnection, InActivity, InServerActivity, InMessage };
@@ -303,6 +303,41 @@ TEST_P(CallbackOfClient, Outlasts_its_client_and_returns_to_nothing) {
 
 INSTANTIATE_TEST_SUITE_P(ThreadLife, CallbackOfClient,
                          testing::Values(Outlasting::InServerActivity, Outlasting::InMessage));
+
+// Holds a thread at the event behind its first wait, which finds nothing, and destroys its object meanwhile.
+// The destroyer waits, and has not closed anything yet that the thread uses.
+template <class Object>
+void DestroyBehindWait(const char* event, const std::function<std::unique_ptr<Object>()>& make) {
+    Gate behindWait, proceed;
+    Interpose nothing(Call::Select);
+    nothing.Return(0);
+    Recorder::Hook hook([&](const Event& found) {
+        if (found.text.find(event) != std::string::npos && !behindWait.IsOpen()) {
+            behindWait.Open();
+            proceed.Wait();
+        }
+    });
+    std::unique_ptr<Object> object = make();
+    ASSERT_TRUE(behindWait.Wait());
+    CallLog calls({Call::CondWait, Call::Close}, CallLog::AllThreads);
+    Background destroyer([&] { object.reset(); });
+    EXPECT_TRUE(calls.WaitFor(Call::CondWait, 1, Deadline::Short()));
+    EXPECT_EQ(calls.Texts(), std::vector<std::string>{"pthread_cond_wait()"});
+    EXPECT_FALSE(destroyer.Ended());
+    proceed.Open();
+    EXPECT_TRUE(destroyer.Join());
+}
+
+TEST(ThreadLife, A_server_is_whole_until_its_thread_has_left_it) {
+    DestroyBehindWait<CServer>("Nothing ready", [] { return std::make_unique<CServer>(0, g_target); });
+}
+
+TEST(ThreadLife, A_client_is_whole_until_its_thread_has_left_it) {
+    ListenSocket listener;
+    DestroyBehindWait<CClient>("Select Timed Out", [&] {
+        return std::make_unique<CClient>("127.0.0.1", listener.Port(), g_target);
+    });
+}
 
 // A thread that has called pthread_exit, with work to do in a destructor on its stack.
 struct EndingThread {
