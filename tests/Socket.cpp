@@ -148,6 +148,17 @@ TEST(SocketObject, Destructor_closes_the_descriptor_and_logs_nothing) {
     EXPECT_FALSE(IsOpen(fd));
 }
 
+TEST(SocketObject, Destructor_leaves_no_descriptor_in_the_object) {
+    alignas(CSocket) unsigned char memory[sizeof(CSocket)];
+    auto* socket = new (memory) CSocket;
+    ASSERT_TRUE(socket->Create());
+    const auto offset = reinterpret_cast<unsigned char*>(&socket->m_fd) - memory;
+    socket->~CSocket();
+    int descriptor = 0;
+    memcpy(&descriptor, memory + offset, sizeof descriptor);
+    EXPECT_EQ(descriptor, -1) << "a thread that is about to be cancelled may still look";
+}
+
 TEST(SocketObject, EncodeLength_writes_four_bytes_most_significant_first) {
     const struct {
         unsigned long length;

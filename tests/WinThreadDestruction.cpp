@@ -869,6 +869,16 @@ template struct Reveal<OverflowHead, &CWinThread::m_pOverflowHead>;
 
 const void* volatile g_parked; // keeps the nodes known to leak detection
 
+TEST(WinThreadDestruction, Leaves_no_descriptor_in_the_object) {
+    alignas(CWinThread) unsigned char memory[sizeof(CWinThread)];
+    auto* thread = new (memory) CWinThread(ReturnAtOnce, nullptr);
+    const auto offset = reinterpret_cast<unsigned char*>(&thread->m_readDesc) - memory;
+    thread->~CWinThread();
+    int descriptor = 0;
+    memcpy(&descriptor, memory + offset, sizeof descriptor);
+    EXPECT_EQ(descriptor, -1) << "a thread that is about to be cancelled may still look";
+}
+
 TEST(WinThreadDestruction, Messages_parked_on_the_overflow_list_are_not_released) {
     const int parked = 10;
     int deletes[2];
