@@ -1,4 +1,4 @@
-// The library's end of the connections that tests/system/peer.py makes.
+// The library's end of the connections that tests/system/peer.py and reach.py make.
 //
 //   peer_program server        listens, and answers each text frame with its text. Prints "port N".
 //   peer_program client PORT   connects to 127.0.0.1 and prints "connected", and of each frame that arrives
@@ -7,7 +7,7 @@
 //                              "letters COUNT" it sends a frame, and prints "sent RESULT".
 //
 // Both end when their standard input does, with status 0. With PEER_PROGRAM_LOG in the environment they show
-// on standard error what the library logs.
+// on standard error what the library logs; with PEER_PROGRAM_DEBUG the host is in debug mode.
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
@@ -148,6 +148,7 @@ int Connect(int port) {
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     reference_host::SetMaximumSeverity(getenv("PEER_PROGRAM_LOG") ? 9 : 0);
+    reference_host::SetDebugEnabled(getenv("PEER_PROGRAM_DEBUG") != nullptr);
     try {
         if (argc == 2 && !strcmp(argv[1], "server"))
             return Serve();
