@@ -601,9 +601,12 @@ EARLY int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, vo
                          void* argument) noexcept {
     if (!IsWatched(Call::PthreadCreate))
         return REAL(pthread_create)(thread, attributes, function, argument);
-    return Observe<int>(
+    const int error = Observe<int>(
         Call::PthreadCreate, -1, 0, 0, [] { return "pthread_create()"; },
         [&](size_t) { return REAL(pthread_create)(thread, attributes, function, argument); });
+    if (error != 0)
+        memset(thread, 0x5A, sizeof *thread); // the id is undefined then
+    return error;
 }
 
 EARLY int pthread_cancel(pthread_t thread) {
