@@ -186,6 +186,42 @@ TEST(ThreadLife, A_client_that_turns_over_unread_data_is_destroyed) {
     EXPECT_TRUE(destroyer.Join());
 }
 
+// Opens a gate when the calling thread ends.
+void OpenAtThreadEnd(const std::shared_ptr<Gate>& gate) {
+    struct AtThreadEnd {
+        std::shared_ptr<Gate> gate;
+        ~AtThreadEnd() { gate->Open(); }
+    };
+    static thread_local AtThreadEnd atThreadEnd;
+    atThreadEnd.gate = gate;
+}
+
+TEST(ThreadLife, A_thread_whose_object_goes_while_it_waits_reads_no_message) {
+    struct Work {
+        std::shared_ptr<Gate> ends = std::make_shared<Gate>();
+        static unsigned int Run(void* p) {
+            OpenAtThreadEnd(static_cast<Work*>(p)->ends);
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // it gets to the end of its wait
+            MSG message;
+            ::GetMessage(&message, nullptr, 0, 0, 60000);
+            return 0;
+        }
+    } work;
+    Gate waits, gone;
+    Interpose select(Call::Select);
+    select.Return(1).After([&] {
+        waits.Open();
+        gone.Wait();
+    });
+    CWinThread* thread = AfxBeginThread(Work::Run, &work);
+    ASSERT_TRUE(waits.Wait());
+    delete thread;
+    const CallLog reads({Call::Read}, CallLog::AllThreads);
+    gone.Open();
+    ASSERT_TRUE(work.ends->Wait());
+    EXPECT_EQ(reads.Count(Call::Read), 0);
+}
+
 // A command target with a callback that outlasts its object: it cannot be cancelled, and returns when the
 // object is gone.
 class Outlasting : public CCmdTarget {
@@ -225,18 +261,12 @@ public:
     }
 
 private:
-    struct AtThreadEnd {
-        std::shared_ptr<Gate> gate;
-        ~AtThreadEnd() { gate->Open(); }
-    };
-
     void Enter(Callback callback) {
         if (m_gone.IsOpen())
             m_callsAfter++;
         if (m_staysIn != callback || m_gone.IsOpen())
             return;
-        static thread_local AtThreadEnd atThreadEnd;
-        atThreadEnd.gate = m_threadEnds;
+        OpenAtThreadEnd(m_threadEnds);
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         m_inside.Open();
         m_gone.Wait();
