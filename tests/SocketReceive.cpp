@@ -796,6 +796,31 @@ TEST_P(SocketReceiveEach, Takes_these_system_calls_and_no_others_on_a_non_blocki
     EXPECT_EQ(Texts(calls), Joined({PEEK, Read(4), BLOCKING, Read(3), NON_BLOCKING}));
 }
 
+TEST_P(SocketReceiveEach, Restores_the_mode_before_it_logs_success) {
+    socket->SetBlockingMode(false);
+    Arrive(Frame("abc"));
+    bool isBlocking = true;
+    Recorder::Hook hook([&](const Event& event) {
+        if (event.text.find(Text(GetParam().success, fd)) == 0)
+            isBlocking = (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+    });
+    EXPECT_EQ(ReceiveFrame(), 3);
+    EXPECT_FALSE(isBlocking);
+}
+
+TEST_P(SocketReceiveEach, Fails_when_a_limit_of_the_descriptor_runs_out) {
+    const timeval limit = {0, 20000};
+    ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
+    for (size_t arrived : {2, 4, 6}) {
+        SCOPED_TRACE(arrived);
+        Arrive(Frame("abc").substr(0, arrived));
+        EXPECT_EQ(ReceiveFrame(), -1);
+        char rest[8];
+        while (recv(fd, rest, sizeof rest, MSG_DONTWAIT) > 0) {
+        }
+    }
+}
+
 TEST_P(SocketReceiveEach, Logs_prefix_and_success) {
     Arrive(Frame("abc"));
     Recorder::Clear();

@@ -579,7 +579,7 @@ TEST(WinThread, AfxBeginThread_deletes_an_object_without_an_id) {
         SCOPED_TRACE(flags);
         Recorder::Clear();
         NothingLeft left(NothingLeft::LOCKS);
-        CallLog calls({Call::PthreadDetach, Call::PthreadCancel});
+        CallLog calls({Call::New, Call::PthreadDetach, Call::PthreadCancel});
         CWinThread* thread;
         {
             Interpose create(Call::PthreadCreate); // succeeds and writes no id
@@ -589,9 +589,13 @@ TEST(WinThread, AfxBeginThread_deletes_an_object_without_an_id) {
         left.Stop();
         EXPECT_EQ(thread, nullptr);
         EXPECT_EQ(calls.Count(Call::PthreadDetach) + calls.Count(Call::PthreadCancel), 0);
+        ASSERT_GT(calls.Count(Call::New), 0);
+        const CallRecord made = calls.Records().front();
+        ASSERT_EQ(made.number, static_cast<long>(sizeof(CWinThread)));
+        const auto* object = reinterpret_cast<void*>(made.result);
         EXPECT_TRUE(SameEvents(Recorder::Events(),
                                {{11, 1, "CWinThread::AddThread : id is 0. (thread NOT added)"},
-                                {11, 1, Like("AfxBeginThread : Deleting t = 0x*")},
+                                {11, 1, Text("AfxBeginThread : Deleting t = %p", object)},
                                 {11, 9, "CWinThread : dtor called"},
                                 {11, 9, "CWinThread::~CWinThread(,,,,) : Completed thread id = 0x0"}}));
         left.Check();
