@@ -51,7 +51,9 @@ CServiceAddress MakeAddress(const char* address, int port) {
 }
 
 // Adds what a line says to services. Returns what is wrong with the line, "" if nothing is.
-std::string AddLine(char* line, Services& services) {
+std::string AddLine(char* line, size_t length, Services& services) {
+    if (strlen(line) != length)
+        return "there is a NUL in it";
     line[strcspn(line, "#")] = '\0';
     const char* fields[3] = {};
     size_t count = 0;
@@ -80,7 +82,8 @@ std::string AddLine(char* line, Services& services) {
 class TextFile {
 public:
     explicit TextFile(const char* path)
-        : m_file(fopen(path, "re")), m_error(m_file ? 0 : errno), m_line(nullptr), m_capacity(0) {}
+        : m_file(fopen(path, "re")), m_error(m_file ? 0 : errno), m_line(nullptr), m_capacity(0),
+          m_length(0) {}
     ~TextFile() {
         if (m_file)
             fclose(m_file);
@@ -93,12 +96,16 @@ public:
     char* ReadLine() {
         if (!m_file)
             return nullptr;
-        if (getline(&m_line, &m_capacity, m_file) >= 0)
+        m_length = getline(&m_line, &m_capacity, m_file);
+        if (m_length >= 0)
             return m_line;
         if (!feof(m_file))
             m_error = errno;
         return nullptr;
     }
+
+    // How long the line is that was read last.
+    size_t LineLength() const { return static_cast<size_t>(m_length); }
 
     // Why reading ended early, 0 if it did not.
     int Error() const { return m_error; }
@@ -108,6 +115,7 @@ private:
     int m_error;
     char* m_line;
     size_t m_capacity;
+    ssize_t m_length;
 };
 
 } // namespace
@@ -150,7 +158,7 @@ bool LoadServices(const char* path, std::vector<std::string>& problems) {
     int number = 0;
     while (char* line = file.ReadLine()) {
         ++number;
-        const std::string reason = AddLine(line, loaded);
+        const std::string reason = AddLine(line, file.LineLength(), loaded);
         if (!reason.empty())
             report(":" + std::to_string(number), reason);
     }

@@ -16,6 +16,7 @@ void ExerciseList(Choices& choices, unsigned long operations);
 void ExercisePointerArray(Choices& choices, unsigned long operations);
 void ExerciseStringArray(Choices& choices, unsigned long operations);
 void ExerciseMemoryFile(Choices& choices, unsigned long operations);
+void ExerciseBstr(Choices& choices, unsigned long operations);
 void ExerciseVariant(Choices& choices, unsigned long operations);
 
 } // namespace models

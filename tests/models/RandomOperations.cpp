@@ -1,7 +1,7 @@
 // The library's classes under random operations, held against the models.
 //
 // WINDOWS_RANDOM_SEED sets the seed, which is printed; WINDOWS_RANDOM_OPERATIONS the number of
-// operations of each case: a million, or less where everything takes longer.
+// operations of each case: a million, or less where they or everything take longer.
 #include <stdlib.h>
 
 #include <random>
@@ -31,11 +31,11 @@ private:
     std::mt19937 m_generator;
 };
 
-void Exercise(void (*exercise)(models::Choices&, unsigned long)) {
+void Exercise(void (*exercise)(models::Choices&, unsigned long), unsigned long usual = 1000000) {
     const auto seed =
         static_cast<unsigned int>(FromEnvironment("WINDOWS_RANDOM_SEED", std::random_device()()));
     const unsigned long slowness = FromEnvironment("WINDOWS_TEST_TIME_MULTIPLIER", 1);
-    const unsigned long operations = FromEnvironment("WINDOWS_RANDOM_OPERATIONS", 1000000 / slowness);
+    const unsigned long operations = FromEnvironment("WINDOWS_RANDOM_OPERATIONS", usual / slowness);
     printf("%lu operations, WINDOWS_RANDOM_SEED=%u\n", operations, seed);
     fflush(stdout); // seen also if the process ends in it
     Recorder::Pause();
@@ -54,4 +54,5 @@ TEST(RandomOperations, CObList_does_what_its_model_does) { Exercise(models::Exer
 TEST(RandomOperations, CPtrArray_does_what_its_model_does) { Exercise(models::ExercisePointerArray); }
 TEST(RandomOperations, CStringArray_does_what_its_model_does) { Exercise(models::ExerciseStringArray); }
 TEST(RandomOperations, CMemFile_does_what_its_model_does) { Exercise(models::ExerciseMemoryFile); }
+TEST(RandomOperations, BSTR_does_what_its_model_does) { Exercise(models::ExerciseBstr, 200000); }
 TEST(RandomOperations, VARIANT_does_what_its_model_does) { Exercise(models::ExerciseVariant); }

@@ -89,6 +89,16 @@ TEST(ServiceTable, Adding_a_name_again_replaces_its_address) {
     EXPECT_EQ(Lookup("again"), "10.0.0.255:81");
 }
 
+TEST(ServiceTable, Line_with_a_NUL_is_left_out_and_reported) {
+    const File file(std::string("before 127.0.0.1 80\ncut 127.0.0.1 80\0 81\nbehind 127.0.0.1 82\n", 61));
+    Problems problems;
+    EXPECT_TRUE(reference_host::LoadServices(file.Path(), problems));
+    EXPECT_EQ(problems, Problems{file.Problem(2, "there is a NUL in it")});
+    EXPECT_EQ(Lookup("before"), "127.0.0.1:80");
+    EXPECT_EQ(Lookup("cut"), "");
+    EXPECT_EQ(Lookup("behind"), "127.0.0.1:82");
+}
+
 TEST(ServiceTable, Bad_service_is_refused_and_changes_nothing) {
     ASSERT_TRUE(reference_host::AddService("kept", "127.0.0.1", 80));
     for (const char* address : {"", "localhost", "127.0.0", "127.0.0.256", "127.0.0.1 ", "127.1", "::1"})

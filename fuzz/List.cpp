@@ -1,0 +1,6 @@
+// CObList: operations on elements and their storage.
+#include "Input.h"
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz::Exercise(models::ExerciseList, data, size);
+}
