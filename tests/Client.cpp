@@ -1063,6 +1063,22 @@ TEST(Client, One_pass_serves_the_socket_first_and_then_one_message) {
     EXPECT_EQ(session.target.Seen(), (Calls{"server", "message 1", "message 2"}));
 }
 
+TEST(Client, Pass_behind_a_wait_serves_the_socket_first_too) {
+    Session session;
+    Hold hold(*session.client, session.target);
+    Recorder::Clear();
+    Interpose wait(Call::Select);
+    wait.OnThread(session.client->m_nThreadID).Before([&] {
+        EXPECT_EQ(Post(*session.client, 1), 1);
+        session.Deliver("hello");
+    });
+    hold.Release();
+    const MainTexts texts = session.Texts();
+    EXPECT_TRUE(SameEvents(FirstMainEvents(*session.client, 4),
+                           {texts.Selecting(), texts.Arrived(), texts.Message(), texts.Selecting()}));
+    EXPECT_EQ(session.target.Seen(), (Calls{"server", "message 1"}));
+}
+
 TEST(Client, Queue_whose_state_cannot_be_read_is_served_after_the_wait) {
     Session session;
     Hold hold(*session.client, session.target);
