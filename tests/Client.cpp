@@ -636,6 +636,30 @@ TEST(Client, SendToServer_sends_a_frame_and_returns_its_result) {
     EXPECT_EQ(session.peer.ReadFrame(), "again");
 }
 
+TEST(Client, ReceiveFromServer_waits_without_a_limit_by_default) {
+    Session session;
+    Calls waits;
+    std::string received;
+    Hold hold(*session.client, session.target);
+    session.target.onMessage = [&](const MSG&, bool) {
+        Interpose wait(Call::Select);
+        wait.OnThisThread().Before([&] { session.Deliver("hello"); });
+        CallLog log({Call::Select});
+        BSTR text = nullptr;
+        session.client->ReceiveFromServer(text);
+        waits = log.Texts();
+        received = text ? text : "";
+        SysFreeString(text);
+        return false;
+    };
+    EXPECT_EQ(Post(*session.client, 5), 1);
+    hold.Release();
+    EXPECT_TRUE(session.target.WaitForCall("message 5"));
+    ASSERT_TRUE(EndThread(*session.client));
+    EXPECT_EQ(waits, (Calls{"select(NULL)"}));
+    EXPECT_EQ(received, "hello");
+}
+
 TEST(Client, ReceiveFromServer_hands_its_arguments_and_result_on) {
     Session session;
     Calls waits;

@@ -796,6 +796,27 @@ TEST_P(SocketReceiveEach, Takes_these_system_calls_and_no_others_on_a_non_blocki
     EXPECT_EQ(Texts(calls), Joined({PEEK, Read(4), BLOCKING, Read(3), NON_BLOCKING}));
 }
 
+TEST(SocketReceiveDefaults, Wait_without_a_limit) {
+    struct {
+        const char* name;
+        std::function<int(CSocket&, Received&)> receive;
+    } const functions[] = {
+        {"ReceiveLength", [](CSocket& socket, Received&) { return socket.ReceiveLength(); }},
+        {"Receive", [](CSocket& socket, Received& to) { return socket.Receive(to.text); }},
+        {"ReceiveBlock", [](CSocket& socket, Received& to) { return socket.ReceiveBlock(to.block); }},
+    };
+    for (const auto& function : functions) {
+        SCOPED_TRACE(function.name);
+        Link link;
+        Received received;
+        Interpose wait(Call::Select);
+        wait.OnThisThread().Before([&] { link.Arrive(Frame("abc")); });
+        CallLog waits({Call::Select});
+        EXPECT_EQ(function.receive(*link.socket, received), 3);
+        EXPECT_EQ(waits.Texts(), std::vector<std::string>{"select(NULL)"});
+    }
+}
+
 TEST_P(SocketReceiveEach, Restores_the_mode_before_it_logs_success) {
     socket->SetBlockingMode(false);
     Arrive(Frame("abc"));
