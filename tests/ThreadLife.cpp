@@ -137,8 +137,9 @@ TEST(ThreadLife, A_callback_does_not_keep_a_destroyer_waiting) {
 TEST(ThreadLife, A_callback_may_destroy_its_own_server) {
     struct Destroying : CCmdTarget {
         CServer* server = nullptr;
-        Gate gone;
+        Gate posted, gone;
         bool RouteMessage(void*, bool) override {
+            posted.Wait(); // the poster uses the server until then
             delete server;
             gone.Open();
             return true;
@@ -146,6 +147,7 @@ TEST(ThreadLife, A_callback_may_destroy_its_own_server) {
     } target;
     target.server = new CServer(0, target);
     PostThreadMessage(target.server->m_nThreadID, 7, 0, nullptr);
+    target.posted.Open();
     EXPECT_TRUE(target.gone.Wait());
 }
 
