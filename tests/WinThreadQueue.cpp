@@ -901,6 +901,19 @@ TEST(WinThreadQueue, GetMessage_returns_the_result_for_a_timeout_after_its_time)
     }
 }
 
+TEST(WinThreadQueue, GetMessage_function_returns_0_for_a_timeout_by_default) {
+    int result = -1;
+    std::unique_ptr<CWinThread> thread(AfxBeginThread(
+        [](void* p) {
+            MSG msg = Marked();
+            *static_cast<int*>(p) = ::GetMessage(&msg, nullptr, 0, 0, 10);
+            return 0U;
+        },
+        &result));
+    WaitForSingleObject(thread->m_hThread, INFINITE);
+    EXPECT_EQ(result, 0);
+}
+
 TEST(WinThreadQueue, GetMessage_selects_on_the_pipe_alone_with_the_time_in_milliseconds) {
     struct {
         unsigned int timeoutMs;
