@@ -42,8 +42,7 @@ void LogLife(const char* text) { CLogger::PostLogEvent(LogTypeLife, LogSeverityI
 
 } // namespace
 
-CServer::CServer(int port, CCmdTarget& handler)
-    : m_pCmdTarget(handler), m_listeningEvent(true, false) {
+CServer::CServer(int port, CCmdTarget& handler) : m_pCmdTarget(handler), m_listeningEvent(true, false) {
     Start(port, {"CServer::CServer(port,commHandler) : Called!",
                  "CServer::CServer(port,commHandler) : Could not bind socket.",
                  "CServer::CServer(port,commHandler) : Bound socket.",

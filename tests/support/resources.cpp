@@ -103,7 +103,7 @@ class Check : public testing::EmptyTestEventListener {
         }
         CheckThreads(m_threads);
         CheckDescriptors(m_descriptors);
-        Recorder::Clear(); // has event objects
+        Recorder::Clear();    // has event objects
         if (!UnderEmulator()) // kNoUnwinding
             CheckBlocks();
     }
