@@ -389,16 +389,22 @@ TEST(HostilePeers, A_peer_that_goes_away_anywhere_in_a_frame_is_given_up_with_it
         }
 }
 
+// A link whose peer has gone away after the first bytes of a frame; what was logged so far is forgotten.
+struct AbandonedLink : Link {
+    AbandonedLink(size_t sent, Ending ending) {
+        Arrive(Frame(HELLO).substr(0, sent));
+        End(pair.peer, ending);
+        EXPECT_TRUE(WaitForClosure(fd));
+        Recorder::Clear();
+    }
+};
+
 TEST(HostilePeers, A_peer_that_has_gone_away_anywhere_in_a_frame_has_the_same_lines_for_a_text) {
     for (size_t sent = 0; sent < Frame(HELLO).size(); sent++)
         for (const Ending ending : ENDINGS) {
             SCOPED_TRACE(Text("ending %d after %zu bytes", ending, sent));
             const Outcome outcome(sent, ending, 1);
-            Link link;
-            link.Arrive(Frame(HELLO).substr(0, sent));
-            End(link.pair.peer, ending);
-            EXPECT_TRUE(WaitForClosure(link.fd));
-            Recorder::Clear();
+            const AbandonedLink link(sent, ending);
             BSTR text = SysAllocString("before");
             EXPECT_EQ(link.socket->Receive(text), outcome.result);
             EXPECT_TRUE(SameEvents(SocketEvents(pthread_self()), outcome.lines));
@@ -413,11 +419,7 @@ TEST(HostilePeers, A_peer_that_has_gone_away_anywhere_in_a_frame_has_the_same_li
         for (const Ending ending : ENDINGS) {
             SCOPED_TRACE(Text("ending %d after %zu bytes", ending, sent));
             const Outcome outcome(sent, ending, 4);
-            Link link;
-            link.Arrive(Frame(HELLO).substr(0, sent));
-            End(link.pair.peer, ending);
-            EXPECT_TRUE(WaitForClosure(link.fd));
-            Recorder::Clear();
+            const AbandonedLink link(sent, ending);
             ReceivedDataBlock block;
             EXPECT_EQ(link.socket->ReceiveBlock(block), outcome.result);
             EXPECT_TRUE(SameEvents(SocketEvents(pthread_self()), outcome.lines));
