@@ -376,9 +376,11 @@ public:
 
     // The thread that began a select() last sleeps; and that is the end of the watch.
     bool WaitAsleep(const Deadline& deadline = Deadline::Long()) {
-        while (m_task.load() == 0)
+        while (m_task.load() == 0) {
             if (deadline.Passed())
                 return false;
+            sched_yield();
+        }
         const std::string file = Text("/proc/self/task/%d/status", m_task.load());
         std::string before;
         for (int quiet = 0; quiet < 3;) {
@@ -388,6 +390,7 @@ public:
             before = now;
             if (deadline.Passed())
                 return false;
+            sched_yield();
         }
         return true;
     }
