@@ -50,6 +50,8 @@ struct Interpose::State {
     int seen = 0;
     int acted = 0;
     int running = 0; // callbacks
+
+    bool HasNothingToDo() const { return action == Nothing && !before && !after; }
 };
 
 struct CallLog::State {
@@ -1039,8 +1041,15 @@ Interpose& Interpose::When(std::function<bool(const CallRecord&)> predicate) {
     return *this;
 }
 
+// A call may have come since the script was made.
+void Interpose::CountFromNow() {
+    if (m_state->HasNothingToDo())
+        m_state->seen = 0;
+}
+
 Interpose& Interpose::Fail(int error) {
     Monitor::Lock lock(g_monitor);
+    CountFromNow();
     m_state->action = State::FailWith;
     m_state->value = error;
     return *this;
@@ -1048,6 +1057,7 @@ Interpose& Interpose::Fail(int error) {
 
 Interpose& Interpose::Return(long result) {
     Monitor::Lock lock(g_monitor);
+    CountFromNow();
     m_state->action = State::ReturnValue;
     m_state->value = result;
     return *this;
@@ -1055,6 +1065,7 @@ Interpose& Interpose::Return(long result) {
 
 Interpose& Interpose::Short(size_t count) {
     Monitor::Lock lock(g_monitor);
+    CountFromNow();
     m_state->action = State::ShortCount;
     m_state->value = static_cast<long>(count);
     return *this;
@@ -1062,12 +1073,14 @@ Interpose& Interpose::Short(size_t count) {
 
 Interpose& Interpose::Before(std::function<void()> function) {
     Monitor::Lock lock(g_monitor);
+    CountFromNow();
     m_state->before = std::move(function);
     return *this;
 }
 
 Interpose& Interpose::After(std::function<void()> function) {
     Monitor::Lock lock(g_monitor);
+    CountFromNow();
     m_state->after = std::move(function);
     return *this;
 }

@@ -79,12 +79,12 @@ struct CallRecord {
 
 // A script for one kind of call, in force while it lives.
 //
-// Calls are counted from the script's construction, and only those that OnDescriptor, OnThread and When let
-// through. Without OnCall, FromCall or Always the script acts on the first. Of several scripts for the same
-// call the first made that acts, acts alone; all count.
+// Calls are counted from the moment the script has something to do (one that has not only counts, from its
+// construction on), and only those that OnDescriptor, OnThread and When let through. Without OnCall, FromCall
+// or Always the script acts on the first. Of several scripts for the same call the first made that acts, acts
+// alone; all count.
 //
-// Where other threads may call meanwhile: first say which calls, then what happens. A script that has nothing
-// to do yet only counts.
+// Where other threads may call meanwhile: first say which calls, then what happens.
 class Interpose {
 public:
     explicit Interpose(Call call);
@@ -133,6 +133,8 @@ public:
     struct State;
 
 private:
+    void CountFromNow();
+
     std::shared_ptr<State> m_state;
 };
 
