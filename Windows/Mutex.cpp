@@ -14,7 +14,9 @@ namespace {
 constexpr unsigned int kLongestStepMs = 333;
 
 // Tries, sleeps a whole step, and so on until the time is used up. The last sleep is not followed by a try.
-bool Poll(pthread_mutex_t* mutex, unsigned int timeoutMs, const windows::NoCancellation& noCancellation) {
+// Apart from Lock, which would save registers for it.
+__attribute__((noinline)) bool Poll(pthread_mutex_t* mutex, unsigned int timeoutMs,
+                                    const windows::NoCancellation& noCancellation) {
     const unsigned int stepMs = std::clamp(timeoutMs / 10, 1U, kLongestStepMs);
     unsigned int remainingMs = timeoutMs;
     while (pthread_mutex_trylock(mutex) != 0) {

@@ -64,7 +64,8 @@ XStringData* XStringData::AddRef() {
 }
 
 void XStringData::Release() {
-    if (__atomic_fetch_sub(&m_iRefCount, 1, __ATOMIC_SEQ_CST) != 1)
+    // The only reference is the caller's, and nobody can take another: no need to count it down.
+    if (IsShared() && __atomic_fetch_sub(&m_iRefCount, 1, __ATOMIC_SEQ_CST) != 1)
         return;
     free(m_pszData);
     windows::RelaxedStore(m_iObjCount, windows::RelaxedLoad(m_iObjCount) - 1);
@@ -76,7 +77,8 @@ bool XStringData::Allocate(unsigned int uiSize) {
         return true;
     if (uiSize == 0)
         return false;
-    free(m_pszData);
+    if (m_pszData)
+        free(m_pszData);
     m_pszData = static_cast<char*>(malloc(uiSize));
     if (!m_pszData)
         ThrowMemoryException();

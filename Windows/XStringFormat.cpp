@@ -38,6 +38,8 @@ constexpr long long kRealLength = 128;
 
 // A decimal number at the position; its digits are skipped, and nothing else that strtol may have accepted.
 int ReadNumber(const char*& position) {
+    if (*position > '9') // the conversion's letter, in nearly all formats
+        return 0;
     const long number = strtol(position, nullptr, 10);
     while (*position >= '0' && *position <= '9')
         ++position;

@@ -3,6 +3,10 @@
 // The host's logger may be a cancellation point, and close() is one. A cancellation that unwinds through a
 // destructor ends the process, and one between taking a lock and guarding it leaves the lock held for ever.
 // Where that could happen a NoCancellation stands; calls that block stay cancellable.
+//
+// The library cancels the threads of CWinThread and no others, so all others are spared the price, which is
+// more than that of the lock that such a scope stands around. A thread of its own that an application cancels
+// must not be within the library.
 #ifndef WINDOWS_INTERNAL_CANCELLATION_H
 #define WINDOWS_INTERNAL_CANCELLATION_H
 
@@ -10,29 +14,47 @@
 
 namespace windows {
 
+// Whether the calling thread is that of a CWinThread. In ThreadLife.cpp. The model spares the library the
+// dynamic linker's help at each access, and with it a dependency on the dynamic linker.
+extern __thread bool t_isOwnThread __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
 class NoCancellation {
 public:
-    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
-    ~NoCancellation() { pthread_setcancelstate(m_before, nullptr); }
+    NoCancellation() {
+        if (m_acts)
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before);
+    }
+    ~NoCancellation() {
+        if (m_acts)
+            pthread_setcancelstate(m_before, nullptr);
+    }
 
     NoCancellation(const NoCancellation&) = delete;
     NoCancellation& operator=(const NoCancellation&) = delete;
 
 private:
     friend class CancellationAsBefore;
-    int m_before;
+    const bool m_acts = t_isOwnThread;
+    int m_before = PTHREAD_CANCEL_ENABLE;
 };
 
 // Inside a NoCancellation: what was allowed before it began is allowed for this scope.
 class CancellationAsBefore {
 public:
-    explicit CancellationAsBefore(const NoCancellation& scope) {
-        pthread_setcancelstate(scope.m_before, nullptr);
+    explicit CancellationAsBefore(const NoCancellation& scope) : m_acts(scope.m_acts) {
+        if (m_acts)
+            pthread_setcancelstate(scope.m_before, nullptr);
     }
-    ~CancellationAsBefore() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
+    ~CancellationAsBefore() {
+        if (m_acts)
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    }
 
     CancellationAsBefore(const CancellationAsBefore&) = delete;
     CancellationAsBefore& operator=(const CancellationAsBefore&) = delete;
+
+private:
+    const bool m_acts;
 };
 
 } // namespace windows

@@ -47,11 +47,12 @@ private:
 pthread_mutex_t g_listMutex = PTHREAD_MUTEX_INITIALIZER;
 ThreadLife* g_first = nullptr;
 
-// The calling thread's own, if it is the thread of a CWinThread. The model spares the library the dynamic
-// linker's help at each access, and with it a dependency on the dynamic linker.
+// The calling thread's own, if it is the thread of a CWinThread.
 __attribute__((tls_model("initial-exec"))) thread_local ThreadLife* t_own = nullptr;
 
 } // namespace
+
+__thread bool t_isOwnThread = false;
 
 void ThreadLife::Begin(const CWinThread& object) {
     auto* life = new ThreadLife(object);
@@ -72,7 +73,8 @@ bool ThreadLife::Claim(const CWinThread& object) {
     const Guard guard(life->m_mutex);
     life->m_wanted = true;
     // A thread that does not run its own code yet cannot be cancelled safely, whatever starts it.
-    while ((life->m_phase == Phase::Created || life->m_phase == Phase::Inside) && !life->m_claimed)
+    for (Phase now = life->m_phase; (now == Phase::Created || now == Phase::Inside) && !life->m_claimed;
+         now = life->m_phase)
         guard.Wait(life->m_changed);
     if (life->m_phase != Phase::Over)
         life->m_claimed = true;
@@ -94,7 +96,8 @@ void ThreadLife::Release(const CWinThread& object) {
 
 ThreadLife::Self::Self(const CWinThread& object) : m_life(Find(object)) {
     t_own = m_life;
-    m_life->SetPhase(Phase::Starting);
+    t_isOwnThread = true;
+    m_life->MoveTo(Phase::Starting);
 }
 
 ThreadLife::Self::~Self() {
@@ -113,7 +116,7 @@ ThreadLife::Self::~Self() {
 
 bool ThreadLife::Self::Enter() { return m_life->Enter(); }
 
-void ThreadLife::Self::Leave() { m_life->SetPhase(Phase::Outside); }
+void ThreadLife::Self::Leave() { m_life->MoveTo(Phase::Outside); }
 
 ThreadLife* ThreadLife::Find(const CWinThread& object) {
     const Guard guard(g_listMutex);
@@ -142,23 +145,25 @@ void ThreadLife::Drop() {
 }
 
 bool ThreadLife::Enter() {
-    const Guard guard(m_mutex);
-    if (m_wanted)
-        return false;
+    const Phase before = Current();
     m_phase = Phase::Inside;
-    return true;
+    if (!m_wanted)
+        return true;
+    MoveTo(before); // a destroyer that saw the thread inside looks again
+    return false;
 }
 
-// For a thread that leaves a stretch; whether it has been claimed does not matter to it then.
-void ThreadLife::SetPhase(Phase phase) {
-    const Guard guard(m_mutex);
+void ThreadLife::MoveTo(Phase phase) {
     m_phase = phase;
+    if (!m_wanted)
+        return;
+    const Guard guard(m_mutex);
     pthread_cond_broadcast(&m_changed);
 }
 
 // Returns only on a thread that is ending already: it cannot be cancelled once more.
 void ThreadLife::AwaitCancellation() {
-    SetPhase(Phase::Outside); // also where this stretch lies in another, which the destroyer waits for
+    MoveTo(Phase::Outside); // also where this stretch lies in another, which the destroyer waits for
     {
         const Guard guard(m_mutex);
         while (!m_released)
@@ -168,18 +173,18 @@ void ThreadLife::AwaitCancellation() {
     pthread_testcancel();
 }
 
-ObjectUse::ObjectUse() : m_life(t_own), m_before(m_life ? m_life->m_phase : ThreadLife::Phase::Outside) {
+ObjectUse::ObjectUse() : m_life(t_own), m_before(m_life ? m_life->Current() : ThreadLife::Phase::Outside) {
     Resume();
 }
 
 ObjectUse::~ObjectUse() {
     if (m_life)
-        m_life->SetPhase(m_before);
+        m_life->MoveTo(m_before);
 }
 
 void ObjectUse::Pause() {
     if (m_life)
-        m_life->SetPhase(ThreadLife::Phase::Outside);
+        m_life->MoveTo(ThreadLife::Phase::Outside);
 }
 
 void ObjectUse::Resume() {

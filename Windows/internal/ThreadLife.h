@@ -14,12 +14,18 @@
 //   Inside   | uses the object                    | waits until it is outside
 //   Over     | is gone in a moment                | nothing to do
 //
+// Stretches begin and end on the paths of every message, so they take no lock as long as nobody destroys the
+// object: the thread says where it is and then looks whether it is wanted, the destroyer says that it wants
+// it and then looks where it is. Whichever comes second sees the other.
+//
 // The locks are the innermost of all and held for a few instructions. The list of lives needs neither
 // construction nor destruction, so threads may run before main and after it.
 #ifndef WINDOWS_INTERNAL_THREADLIFE_H
 #define WINDOWS_INTERNAL_THREADLIFE_H
 
 #include <pthread.h>
+
+#include <atomic>
 
 class CWinThread;
 
@@ -71,20 +77,24 @@ private:
     static ThreadLife* Find(const CWinThread& object);
     void Unlink();
     void Drop();
+    Phase Current() const { return m_phase.load(std::memory_order_relaxed); } // for the thread itself
     bool Enter();
-    void SetPhase(Phase phase);
+    void MoveTo(Phase phase);
     void AwaitCancellation();
 
     const CWinThread* const m_object;
     ThreadLife* m_next = nullptr;
 
-    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER; // guards what follows
-    pthread_cond_t m_changed = PTHREAD_COND_INITIALIZER;
-    Phase m_phase = Phase::Created;
-    bool m_wanted = false;   // a destroyer waits or has waited: the thread begins no further stretch
-    bool m_claimed = false;  // the destroyer has found it outside, and cancels it
-    bool m_released = false; // and has done so
-    int m_owners = 2;        // the object and the thread
+    // Read and written in one order for all threads.
+    std::atomic<Phase> m_phase{Phase::Created}; // the thread's
+    std::atomic<bool> m_wanted{
+        false}; // a destroyer waits or has waited: the thread begins no further stretch
+
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER; // guards what follows, and the step to Over
+    pthread_cond_t m_changed = PTHREAD_COND_INITIALIZER; // anything that a destroyer may wait for
+    bool m_claimed = false;                              // the destroyer has found it outside, and cancels it
+    bool m_released = false;                             // and has done so
+    int m_owners = 2;                                    // the object and the thread
 };
 
 // A stretch in which the calling thread uses its own object; nothing on a thread that has none.
