@@ -1,5 +1,6 @@
 # What `cmake --install` copies, in three components: runtime (the library), development (what compiling and linking
-# against it needs) and examples. Nothing that is installed knows its prefix, so the tree may be moved.
+# against it needs) and examples. Nothing that is installed knows its prefix, but for
+# the gdb printers, so the tree may be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/libwindows) # a folder of its own: "host" is a name that others may have
@@ -16,6 +17,9 @@ if(TARGET WindowsReferenceHost)
     install(TARGETS WindowsReferenceHost EXPORT WindowsTargets ARCHIVE COMPONENT development)
     install(FILES reference_host/reference_host.h DESTINATION ${headers}/reference_host COMPONENT development)
 endif()
+# gdb looks for it by the library's whole path, so this one does know the prefix; a moved tree loads it by hand.
+install(FILES tools/gdb/windows_printers.py RENAME libWindows.so.0-gdb.py COMPONENT development
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR})
 install(PROGRAMS tools/check-host TYPE BIN COMPONENT development)
 install(FILES abi/imports.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/libwindows COMPONENT development)
 if(TARGET frame_server)
