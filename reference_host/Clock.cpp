@@ -4,6 +4,8 @@
 
 #include <limits>
 
+#include <reference_host/internal/Timeline.h>
+
 namespace {
 
 constexpr unsigned long kMillisecondsPerSecond = 1000;
@@ -61,8 +63,11 @@ void CTimeSpecHelper::AddMilliSeconds(unsigned long milliSeconds) { AddMilliSeco
 unsigned long GetTickCount() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<unsigned long>(now.tv_sec) * kMillisecondsPerSecond +
-           static_cast<unsigned long>(now.tv_nsec) / 1000000;
+    const unsigned long tick = static_cast<unsigned long>(now.tv_sec) * kMillisecondsPerSecond +
+                               static_cast<unsigned long>(now.tv_nsec) / 1000000;
+    if (reference_host::timeline::IsOn())
+        reference_host::timeline::TickCount(tick, __builtin_return_address(0));
+    return tick;
 }
 
 void Sleep(unsigned long milliseconds) {

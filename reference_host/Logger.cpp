@@ -17,6 +17,11 @@
 #include <mutex>
 
 #include <Windows/XString.h>
+#include <reference_host/internal/Timeline.h>
+#include <reference_host/internal/Undisturbed.h>
+
+using reference_host::Undisturbed;
+namespace timeline = reference_host::timeline;
 
 namespace {
 
@@ -41,24 +46,6 @@ std::mutex redirection; // guards fileDescriptor and the order of redirections
 int fileDescriptor = -1;
 
 std::atomic<bool> debugEnabled{false};
-
-// For its lifetime the thread cannot be cancelled; at its end errno is as it was.
-class Undisturbed {
-public:
-    Undisturbed() : m_errno(errno), m_cancelState() {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_cancelState);
-    }
-    ~Undisturbed() {
-        pthread_setcancelstate(m_cancelState, nullptr);
-        errno = m_errno;
-    }
-    Undisturbed(const Undisturbed&) = delete;
-    Undisturbed& operator=(const Undisturbed&) = delete;
-
-private:
-    int m_errno;
-    int m_cancelState;
-};
 
 struct Date {
     long year;
@@ -229,6 +216,8 @@ void SetDebugEnabled(bool enabled) { debugEnabled.store(enabled, std::memory_ord
 } // namespace reference_host
 
 void CLogger::PostLogEvent(LogTypeEnum type, LogSeverityEnum severity, const char* text, const char* detail) {
+    if (timeline::IsOn())
+        timeline::Log(type, severity, text, detail);
     if (!Passes(type, severity))
         return;
     const Undisturbed undisturbed;
@@ -247,11 +236,16 @@ void CLogger::PostLogEvent(LogTypeEnum type, LogSeverityEnum severity, XString& 
 }
 
 void CLogger::PostLogEventF(LogTypeEnum type, LogSeverityEnum severity, const char* format, ...) {
+    va_list args;
+    if (timeline::IsOn()) {
+        va_start(args, format);
+        timeline::LogFormatted(type, severity, format, args, nullptr);
+        va_end(args);
+    }
     if (!Passes(type, severity))
         return;
     const Undisturbed undisturbed;
     Line line(type, severity);
-    va_list args;
     va_start(args, format);
     line.AppendFormattedV(format, args);
     va_end(args);
@@ -260,11 +254,16 @@ void CLogger::PostLogEventF(LogTypeEnum type, LogSeverityEnum severity, const ch
 
 void CLogger::PostLogEventFB(LogTypeEnum type, LogSeverityEnum severity, const char* format,
                              const char* buffer, ...) {
+    va_list args;
+    if (timeline::IsOn()) {
+        va_start(args, buffer);
+        timeline::LogFormatted(type, severity, format, args, buffer);
+        va_end(args);
+    }
     if (!Passes(type, severity))
         return;
     const Undisturbed undisturbed;
     Line line(type, severity);
-    va_list args;
     va_start(args, buffer);
     line.AppendFormattedV(format, args);
     va_end(args);
