@@ -58,6 +58,7 @@ public:
     // Whether the constructor connected. Never changes.
     bool IsConnected() const { return m_bConnectedToServer; }
 
+    // The parts, as the constructor has set them.
     CClientSocket m_clientSocket;
     CCmdTarget& m_pCmdTarget;
     std::string m_strHost; // of the host and port constructor

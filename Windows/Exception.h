@@ -24,6 +24,7 @@ private:
     char* m_pszDescription;
 };
 
+// The class under a name that no function hides.
 typedef class Exception ExceptionBase;
 
 #endif

@@ -24,6 +24,7 @@ public:
     // bytes are room, not content. growBytes 0 keeps it at that size.
     CMemFile(unsigned char* buffer, unsigned int size, unsigned int growBytes);
 
+    // Frees the buffer.
     virtual ~CMemFile();
 
     CMemFile(const CMemFile&) = delete;
@@ -44,6 +45,7 @@ public:
     // change.
     long Seek(long offset, unsigned int origin);
 
+    // Moves the position to 0.
     void SeekToBegin() { Seek(0, begin); }
 
     // Returns the length.
@@ -86,12 +88,12 @@ public:
     // Writes a description and the contents to the file at path, replacing it. Says nothing on failure.
     void Dump(const char* path);
 
-    int m_nOpen;                // 1 with a buffer attached or owned, 0 after Detach
-    unsigned int m_uiGrowBytes; // 0: fixed
-    unsigned int m_uiBufferSize;
+    int m_nOpen;                 // 1 with a buffer attached or owned, 0 after Detach
+    unsigned int m_uiGrowBytes;  // 0: fixed
+    unsigned int m_uiBufferSize; // bytes allocated
     unsigned int m_uiFileLength; // bytes of content
-    unsigned int m_uiPosition;
-    unsigned char* m_pBuffer; // from malloc; NULL when nothing is allocated
+    unsigned int m_uiPosition;   // where the next read or write takes place
+    unsigned char* m_pBuffer;    // from malloc; NULL when nothing is allocated
 
 private:
     unsigned int StepsUpTo(unsigned int required) const;

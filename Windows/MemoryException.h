@@ -5,8 +5,10 @@
 #ifndef WINDOWS_MEMORYEXCEPTION_H
 #define WINDOWS_MEMORYEXCEPTION_H
 
+// Has nothing to tell.
 class CMemoryException {};
 
+// The one that is thrown, by its address.
 extern CMemoryException g_oMemoryException;
 
 // Throws &g_oMemoryException as a CMemoryException*.

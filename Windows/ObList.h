@@ -25,9 +25,9 @@ class CObList {
 public:
     // An element. The node's address is its position.
     struct CNode {
-        CNode* pNext; // NULL at the tail
-        CNode* pPrev; // NULL at the head
-        CObject* data;
+        CNode* pNext;  // NULL at the tail
+        CNode* pPrev;  // NULL at the head
+        CObject* data; // the element
     };
 
     // An empty list.
@@ -53,6 +53,7 @@ public:
     CObject*& GetPrev(POSITION& pos);
     CObject* GetPrev(POSITION& pos) const;
 
+    // Reads and replaces the element at a position.
     CObject*& GetAt(POSITION pos);
     CObject* GetAt(POSITION pos) const;
     void SetAt(POSITION pos, CObject* obj);
@@ -63,6 +64,7 @@ public:
     CObject*& GetTail();
     CObject* GetTail() const { return const_cast<CObList*>(this)->GetTail(); }
 
+    // How many elements there are, and whether there are none.
     int GetCount() const;
     bool IsEmpty() const;
 
@@ -85,6 +87,7 @@ public:
     CObject* RemoveHead();
     CObject* RemoveTail();
 
+    // Remove one element, or all.
     void RemoveAt(POSITION pos);
     void RemoveAll();
 
@@ -102,6 +105,7 @@ public:
     // Frees a node, which nothing must link to any more, and counts it out.
     void DeleteNode(CNode* node);
 
+    // The two ends, NULL when the list is empty, and the number of elements.
     CNode* m_pNodeHead;
     CNode* m_pNodeTail;
     int m_nCount;

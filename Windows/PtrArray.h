@@ -69,7 +69,7 @@ public:
     // not more than there is.
     bool Grow(int nNewMax);
 
-    void** m_pData;
+    void** m_pData; // the elements; NULL without storage
     int m_nMaxSize; // room, in elements; -1 without storage
     int m_nSize;    // elements; -1 without storage, which GetSize() gives as 0
     int m_nGrowBy;  // what Add grows by, in elements; above 0

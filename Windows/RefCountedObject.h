@@ -13,6 +13,7 @@ public:
     // Does not look at the count.
     virtual ~CRefCountedObject();
 
+    // Takes one reference more.
     void AddRef();
 
     // Gives one reference back and deletes the object, which then must come from new, if that was the last. A

@@ -44,6 +44,7 @@ public:
         return m_listeningEvent.WaitForEventSignal(timeoutMs, nullptr);
     }
 
+    // What the functions above ask, and the parts.
     bool m_bListening = false;
     CCmdTarget& m_pCmdTarget;
     CEvent m_listeningEvent; // set when the thread is in its loop

@@ -29,8 +29,8 @@ class CMemFile;
 
 // A received binary payload. m_pData comes from new[] and belongs to whoever owns the block; it has no NUL.
 struct ReceivedDataBlock {
-    int m_nLength;
-    unsigned char* m_pData;
+    int m_nLength;          // in bytes
+    unsigned char* m_pData; // NULL without a payload
 
     ReceivedDataBlock() : m_nLength(0), m_pData(nullptr) {}
 };
@@ -88,13 +88,14 @@ public:
     // of the rest. An empty file sends nothing and returns true.
     bool SendMemFileWithLengthPrefix(CMemFile& file);
 
+    // The descriptor; -1 without one.
     int GetDescriptor() const { return __atomic_load_n(&m_fd, __ATOMIC_RELAXED); }
 
     int m_fd; // -1 without a descriptor
 
 protected:
-    sockaddr_in m_address;
-    bool m_bBlocking; // what the descriptor is believed to be
+    sockaddr_in m_address; // of the last Bind or Connect
+    bool m_bBlocking;      // what the descriptor is believed to be
 
 private:
     unsigned char m_sendBuffer[32768]; // prefix and payload of a frame of at most 32,764 bytes

@@ -2,12 +2,14 @@
 #ifndef WINDOWS_THREADSAFETY_H
 #define WINDOWS_THREADSAFETY_H
 
+// An attribute where the compiler knows them, nothing elsewhere.
 #if defined(__clang__)
 #define WINDOWS_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
 #define WINDOWS_THREAD_ATTRIBUTE(x)
 #endif
 
+// A lock; a holder of one for a scope; what a lock guards; what takes it, releases it, and is not looked at.
 #define WINDOWS_CAPABILITY(name) WINDOWS_THREAD_ATTRIBUTE(capability(name))
 #define WINDOWS_SCOPED_CAPABILITY WINDOWS_THREAD_ATTRIBUTE(scoped_lockable)
 #define WINDOWS_GUARDED_BY(lock) WINDOWS_THREAD_ATTRIBUTE(guarded_by(lock))

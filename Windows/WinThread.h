@@ -56,12 +56,13 @@ enum { THREAD_PRIORITY_NORMAL = 0 };
 
 // A message. The record in the pipe is this structure as it is in memory.
 struct MSG {
-    unsigned int message;
-    unsigned long wParam;
-    void* lParam;       // never dereferenced or freed by the queue
-    unsigned long time; // GetTickCount() when it was posted, in milliseconds
+    unsigned int message; // its number
+    unsigned long wParam; // whatever poster and reader agree on
+    void* lParam;         // never dereferenced or freed by the queue
+    unsigned long time;   // GetTickCount() when it was posted, in milliseconds
 };
 
+// The work of a thread. Its result is dropped.
 typedef unsigned int (*AFX_THREADPROC)(void*);
 
 class CWinThread {
@@ -124,6 +125,7 @@ public:
     // The id, as GetCurrentThreadId gives it on the thread itself.
     unsigned long GetThreadID() const { return m_nThreadID; }
 
+    // The id. Nobody but the object writes it.
     pthread_t m_nThreadID;
 
     // Signalled when the thread's work has returned. It belongs to this object.
@@ -176,6 +178,7 @@ extern "C" {
 CWinThread* AfxBeginThread(AFX_THREADPROC pfn, void* pParam, int nPriority = THREAD_PRIORITY_NORMAL,
                            unsigned int nStackSize = 0, unsigned long dwCreateFlags = 0);
 
+// The calling thread's id, of any thread.
 unsigned long GetCurrentThreadId();
 
 // PostMessage on the thread with that id; 0 if there is none. Any thread may call it.

@@ -66,6 +66,7 @@ public:
     // The byte at uiIndex. Aborts unless uiIndex is below the length.
     char GetAt(unsigned int uiIndex);
 
+    // In bytes.
     unsigned int GetLength();
 
     // Marks the buffer as held by a writer and returns it. NULL if another writer holds it: that writer's
@@ -188,6 +189,7 @@ public:
     // In bytes. Not what strlen gives after operator=(char) or an Insert in place.
     int GetLength() const;
 
+    // Whether the length is 0.
     bool IsEmpty() const { return GetLength() == 0; }
 
     // The character at an index below the length; they abort for any other.
@@ -329,6 +331,7 @@ private:
     }
 };
 
+// A new string of character and text. NUL counts as a character.
 XString operator+(char ch, const XString& s);
 XString operator+(const XString& s, char ch);
 

@@ -33,6 +33,7 @@ BSTR SysAllocString(const std::string& text);
 // the text and the final NUL are undefined; with NULL as text the first is NUL. NULL when out of memory.
 BSTR SysAllocStringLen(const char* text, unsigned long length);
 
+// The same, as a character is a byte.
 inline BSTR SysAllocStringByteLen(const char* text, unsigned long length) {
     return SysAllocStringLen(text, length);
 }
@@ -83,6 +84,7 @@ class _variant_t;
 // To assign one to an XString write s = (const char*)b: it has two conversions that s = b could take.
 class _bstr_t {
 public:
+    // Empty, or with a copy of a text up to its first NUL.
     _bstr_t();
     _bstr_t(const char* s);
     _bstr_t(const _bstr_t& other);
@@ -90,8 +92,10 @@ public:
     // With copy false takes s, unchecked, as its own.
     _bstr_t(char* s, bool copy);
 
+    // With a copy of the string's text, up to its first NUL.
     _bstr_t(XString& s);
 
+    // Frees the BSTR.
     virtual ~_bstr_t();
 
     // The BSTR itself, still owned by this object; NULL when empty.
@@ -99,6 +103,7 @@ public:
     operator char*();
     operator const char*() const;
 
+    // A string with a copy of the text.
     operator XString();
 
     // The stored length in bytes.
@@ -141,6 +146,7 @@ public:
     // True when it holds no BSTR.
     bool operator!() const { return !m_bstr; }
 
+    // A new one with both texts.
     friend _bstr_t operator+(const _bstr_t& a, const char* b) {
         _bstr_t sum(a);
         sum += b;

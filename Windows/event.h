@@ -8,8 +8,7 @@
 //   manual reset, not signalled | signalled, wakes all              | -            | sleeps
 //   manual reset, signalled     | -                                 | not signalled| 0 at once
 //   auto reset, not signalled   | wakes one and stays not signalled | -            | sleeps
-//   auto reset, signalled       | -                                 | not signalled| 0 at once, stays
-//   signalled
+//   auto reset, signalled       | -                                 | not signalled| 0 at once
 //
 // An auto-reset event releases a wait only if it is signalled when the wait begins, and only its construction
 // makes it so: SetEvent has cleared the flag again before the thread that it wakes looks, and that thread

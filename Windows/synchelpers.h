@@ -11,8 +11,8 @@
 
 // What a handle points at. The three tags are fixed values; no other is ever made.
 struct HANDLESTRUCT {
-    unsigned int m_uiType;
-    void* m_pObject;
+    unsigned int m_uiType; // one of the tags below
+    void* m_pObject;       // a CEvent, or a CMutex
 };
 
 enum {

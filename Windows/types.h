@@ -6,6 +6,7 @@
 
 #include <stddef.h>
 
+// Integers; BOOL is one too, so that TRUE is 1.
 typedef int BOOL;
 typedef unsigned char BYTE;
 typedef unsigned short WORD;
@@ -15,6 +16,7 @@ typedef unsigned int UINT;
 typedef long LONG;
 typedef unsigned long ULONG;
 
+// Pointers to anything.
 typedef void* LPVOID;
 typedef const void* LPCVOID;
 
@@ -41,17 +43,20 @@ typedef short VARIANT_BOOL;     // VARIANT_TRUE or VARIANT_FALSE
 struct HANDLESTRUCT;
 typedef HANDLESTRUCT* HANDLE;
 
+// There are no windows; the type is for parameters that are ignored. A message brings two parameters.
 typedef void* HWND;
 typedef unsigned long WPARAM;
 typedef void* LPARAM;
 typedef long LRESULT;
 
+// A result: 0 and above is success.
 typedef long HRESULT;
 constexpr HRESULT S_OK = 0;
 constexpr HRESULT E_FAIL = -0x7FFFBFFB; // 0x80004005 in 32 bits, and negative also where long has 64
 inline bool SUCCEEDED(HRESULT result) { return result >= 0; }
 inline bool FAILED(HRESULT result) { return result < 0; }
 
+// The values of a BOOL.
 #ifndef TRUE
 #define TRUE 1
 #endif

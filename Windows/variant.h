@@ -34,15 +34,16 @@ enum VARENUM {
     VT_UI1 = 17
 };
 
+// The two values of a VARIANT_BOOL. True has all bits set.
 constexpr VARIANT_BOOL VARIANT_FALSE = 0;
 constexpr VARIANT_BOOL VARIANT_TRUE = -1;
 
 // The value's members all begin at its first byte, also where the first byte is the highest.
 struct tagVARIANT {
-    VARTYPE vt;
+    VARTYPE vt;                // which of the values there is
     unsigned short wReserved1; // the reserved words are never looked at
-    unsigned short wReserved2;
-    unsigned short wReserved3;
+    unsigned short wReserved2; // the same
+    unsigned short wReserved3; // the same
     union {
         short iVal;           // VT_I2
         int lVal;             // VT_I4; 32 bits everywhere
@@ -54,6 +55,7 @@ struct tagVARIANT {
     };
 };
 
+// The same under the names that callers write.
 typedef tagVARIANT VARIANT;
 typedef tagVARIANT VARIANTARG;
 
@@ -94,11 +96,13 @@ public:
     // VT_EMPTY, with a value of zeros.
     _variant_t() { Become(VT_EMPTY); }
 
+    // VT_I2.
     _variant_t(short value) {
         Become(VT_I2);
         iVal = value;
     }
 
+    // VT_I4.
     _variant_t(int value) {
         Become(VT_I4);
         lVal = value;
@@ -110,21 +114,25 @@ public:
         lVal = static_cast<int>(value);
     }
 
+    // VT_R4.
     _variant_t(float value) {
         Become(VT_R4);
         fltVal = value;
     }
 
+    // VT_R8.
     _variant_t(double value) {
         Become(VT_R8);
         dblVal = value;
     }
 
+    // VT_BOOL.
     _variant_t(bool value) {
         Become(VT_BOOL);
         boolVal = value ? VARIANT_TRUE : VARIANT_FALSE;
     }
 
+    // VT_UI1.
     _variant_t(unsigned char value) {
         Become(VT_UI1);
         bVal = value;
@@ -136,8 +144,8 @@ public:
         bstrVal = SysAllocString(text);
     }
 
+    // VariantClear and VariantChangeType of this one.
     HRESULT Clear() { return VariantClear(this); }
-
     HRESULT ChangeType(VARTYPE newType) { return VariantChangeType(this, newType); }
 
 private:

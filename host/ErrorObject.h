@@ -15,6 +15,7 @@
 // its type information.
 class CLogException {
 public:
+    // Copies the three texts, of which any may be NULL.
     CLogException(const char* where, const char* what, const char* extra)
         : m_where(where ? where : ""), m_what(what ? what : ""), m_extra(extra ? extra : "") {}
 

@@ -25,8 +25,8 @@ public:
     // The port in host byte order.
     int getPortNumber() const;
 
-    char m_szIPAddress[16];
-    int m_nPortNumber;
+    char m_szIPAddress[16]; // what getIPAddress() returns
+    int m_nPortNumber;      // what getPortNumber() returns
 };
 
 // Fills address for the named service; non-zero on success, 0 when there is no such service.

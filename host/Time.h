@@ -23,6 +23,7 @@ public:
     // Zero again.
     void Init();
 
+    // Adds whole seconds.
     void AddSeconds(unsigned long seconds);
 
     // Adds, and carries microseconds into seconds: tv_usec stays below 1,000,000, or select() refuses it.
