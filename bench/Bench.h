@@ -1,0 +1,41 @@
+// What the benchmarks share.
+//
+// A benchmark is an operation, written once as a template over its columns: Library, Floor and the peers that
+// the build found. The floor is written by hand: it makes the calls of the C library, the kernel and the host
+// that the library has to make for the same effect, in the same order, and nothing else. Each benchmark
+// checks its results, so that all columns do the same work.
+#ifndef BENCH_BENCH_H
+#define BENCH_BENCH_H
+
+#include <benchmark/benchmark.h>
+
+// Ends a benchmark whose result is not the expected one.
+inline bool Agrees(benchmark::State& state, bool holds) {
+    if (!holds)
+        state.SkipWithError("wrong result");
+    return holds;
+}
+
+// What only builds with a peer: BENCH_IF_QT(BENCHMARK_TEMPLATE(Operation, QtCore);)
+#ifdef BENCH_QT
+#define BENCH_IF_QT(...) __VA_ARGS__
+#else
+#define BENCH_IF_QT(...)
+#endif
+#ifdef BENCH_GLIB
+#define BENCH_IF_GLIB(...) __VA_ARGS__
+#else
+#define BENCH_IF_GLIB(...)
+#endif
+#ifdef BENCH_ASIO
+#define BENCH_IF_ASIO(...) __VA_ARGS__
+#else
+#define BENCH_IF_ASIO(...)
+#endif
+#ifdef BENCH_ZEROMQ
+#define BENCH_IF_ZEROMQ(...) __VA_ARGS__
+#else
+#define BENCH_IF_ZEROMQ(...)
+#endif
+
+#endif

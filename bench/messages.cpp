@@ -1,0 +1,331 @@
+// Threads and the messages between them.
+#include <fcntl.h>
+#include <pthread.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <Windows/WinThread.h>
+#include <Windows/synchelpers.h>
+#include <host/Time.h>
+
+#include "Bench.h"
+#include "FloorLock.h"
+#ifdef BENCH_QT
+#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
+#include <QEvent>
+#include <QEventLoop>
+#include <QObject>
+#include <QThread>
+#endif
+#ifdef BENCH_GLIB
+#include <glib.h>
+#endif
+
+namespace {
+
+const int MANY = 1000000;
+const unsigned int LAST = 0xFFFF;
+
+// A queue has Post(number), from any thread, and Get(), on the thread that reads it: the next number. A
+// column's Thread runs a function that reads the thread's own queue.
+
+struct Library {
+    class Thread {
+    public:
+        using Body = std::function<void(Thread&)>;
+        explicit Thread(Body body) : m_body(std::move(body)), m_thread(Run, this) { m_thread.ResumeThread(); }
+        void Post(unsigned int number) { m_thread.PostMessage(number, 0, nullptr); }
+        unsigned int Get() {
+            MSG message;
+            m_thread.GetMessage(&message, 0, 0, 0, false);
+            return message.message;
+        }
+        ~Thread() { WaitForSingleObject(m_thread.m_hThread, INFINITE); }
+
+    private:
+        static unsigned int Run(void* self) {
+            static_cast<Thread*>(self)->m_body(*static_cast<Thread*>(self));
+            return 0;
+        }
+        Body m_body;
+        CWinThread m_thread;
+    };
+};
+
+// A pipe of records with a lock at each end and a third for what does not fit.
+struct Floor {
+    struct Record {
+        unsigned int number;
+        unsigned long wParam;
+        void* lParam;
+        unsigned int time;
+    };
+
+    struct Queue {
+        int ends[2];
+        pthread_mutex_t writeLock = PTHREAD_MUTEX_INITIALIZER;
+        pthread_mutex_t readLock = PTHREAD_MUTEX_INITIALIZER;
+        pthread_mutex_t parkedLock = PTHREAD_MUTEX_INITIALIZER;
+        std::deque<Record> parked;
+
+        Queue() {
+            if (pipe(ends) == 0)
+                fcntl(ends[1], F_SETFL, fcntl(ends[1], F_GETFL) | O_NONBLOCK);
+        }
+        ~Queue() {
+            close(ends[0]);
+            close(ends[1]);
+        }
+        void Post(unsigned int number) {
+            const Record record = {number, 0, nullptr, static_cast<unsigned int>(GetTickCount())};
+            FloorLock(writeLock);
+            if (write(ends[1], &record, sizeof record) == -1) {
+                FloorLock(parkedLock);
+                parked.push_back(record);
+                FloorUnlock(parkedLock);
+            }
+            FloorUnlock(writeLock);
+        }
+        unsigned int Get() {
+            Record record;
+            FloorLock(readLock);
+            if (read(ends[0], &record, sizeof record) != sizeof record)
+                record.number = 0;
+            FloorLock(parkedLock);
+            while (!parked.empty() && write(ends[1], &parked.front(), sizeof(Record)) != -1)
+                parked.pop_front();
+            FloorUnlock(parkedLock);
+            FloorUnlock(readLock);
+            CLogger::PostLogEventF(LogTypeTraffic, LogSeverityTrace, "%d %d %ld %ld",
+                                   static_cast<int>(record.number), static_cast<int>(record.number), 0L, 0L);
+            return record.number;
+        }
+    };
+
+    class Thread {
+    public:
+        using Body = std::function<void(Thread&)>;
+        explicit Thread(Body body) : m_body(std::move(body)) {
+            FloorLock(m_start); // created suspended
+            pthread_attr_t attributes;
+            pthread_attr_init(&attributes);
+            pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
+            pthread_attr_setstacksize(&attributes, 0x40000);
+            pthread_create(&m_thread, &attributes, Run, this);
+            pthread_attr_destroy(&attributes);
+            FloorUnlock(m_start);
+        }
+        void Post(unsigned int number) { m_queue.Post(number); }
+        unsigned int Get() { return m_queue.Get(); }
+        ~Thread() {
+            pthread_mutex_lock(&m_lock);
+            while (!m_ended)
+                pthread_cond_wait(&m_cond, &m_lock);
+            pthread_mutex_unlock(&m_lock);
+            pthread_detach(m_thread);
+        }
+
+    private:
+        static void* Run(void* argument) {
+            auto* self = static_cast<Thread*>(argument);
+            FloorLock(self->m_start);
+            FloorUnlock(self->m_start);
+            self->m_body(*self);
+            pthread_mutex_lock(&self->m_lock);
+            self->m_ended = true;
+            pthread_cond_broadcast(&self->m_cond);
+            pthread_mutex_unlock(&self->m_lock);
+            return nullptr;
+        }
+        Body m_body;
+        Queue m_queue;
+        pthread_mutex_t m_start = PTHREAD_MUTEX_INITIALIZER;
+        pthread_mutex_t m_lock = PTHREAD_MUTEX_INITIALIZER;
+        pthread_cond_t m_cond = PTHREAD_COND_INITIALIZER;
+        bool m_ended = false;
+        pthread_t m_thread;
+    };
+};
+
+struct Std {
+    class Thread {
+    public:
+        using Body = std::function<void(Thread&)>;
+        explicit Thread(Body body) : m_thread([this, body] { body(*this); }) {}
+        ~Thread() { m_thread.join(); }
+        void Post(unsigned int number) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_queue.push_back(number);
+            m_posted.notify_one();
+        }
+        unsigned int Get() {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_posted.wait(lock, [this] { return !m_queue.empty(); });
+            const unsigned int number = m_queue.front();
+            m_queue.pop_front();
+            return number;
+        }
+
+    private:
+        std::mutex m_mutex;
+        std::condition_variable m_posted;
+        std::deque<unsigned int> m_queue;
+        std::thread m_thread;
+    };
+};
+
+#ifdef BENCH_QT
+struct QtCore {
+    class Message : public QEvent {
+    public:
+        explicit Message(unsigned int number) : QEvent(User), number(number) {}
+        const unsigned int number;
+    };
+
+    // Takes the events that are posted to it.
+    class Mailbox : public QObject {
+    public:
+        bool event(QEvent* event) override {
+            if (event->type() != QEvent::User)
+                return QObject::event(event);
+            numbers.push_back(static_cast<Message*>(event)->number);
+            return true;
+        }
+        std::deque<unsigned int> numbers;
+    };
+
+    class Thread {
+    public:
+        using Body = std::function<void(Thread&)>;
+        explicit Thread(Body body) {
+            m_thread.reset(QThread::create([this, body] { body(*this); }));
+            m_mailbox.moveToThread(m_thread.get());
+            m_thread->start();
+        }
+        ~Thread() { m_thread->wait(); }
+        void Post(unsigned int number) { QCoreApplication::postEvent(&m_mailbox, new Message(number)); }
+        unsigned int Get() {
+            while (m_mailbox.numbers.empty())
+                QThread::currentThread()->eventDispatcher()->processEvents(QEventLoop::WaitForMoreEvents);
+            const unsigned int number = m_mailbox.numbers.front();
+            m_mailbox.numbers.pop_front();
+            return number;
+        }
+
+    private:
+        Mailbox m_mailbox;
+        std::unique_ptr<QThread> m_thread;
+    };
+};
+#endif
+
+#ifdef BENCH_GLIB
+struct Glib {
+    class Thread {
+    public:
+        using Body = std::function<void(Thread&)>;
+        explicit Thread(Body body) : m_body(std::move(body)), m_queue(g_async_queue_new()) {
+            m_thread = g_thread_new("", Run, this);
+        }
+        ~Thread() {
+            g_thread_join(m_thread);
+            g_async_queue_unref(m_queue);
+        }
+        void Post(unsigned int number) { g_async_queue_push(m_queue, GUINT_TO_POINTER(number + 1)); }
+        unsigned int Get() { return GPOINTER_TO_UINT(g_async_queue_pop(m_queue)) - 1; }
+
+    private:
+        static gpointer Run(gpointer self) {
+            static_cast<Thread*>(self)->m_body(*static_cast<Thread*>(self));
+            return nullptr;
+        }
+        Body m_body;
+        GAsyncQueue* m_queue;
+        GThread* m_thread;
+    };
+};
+#endif
+
+template <typename Column> void CreateToGone(benchmark::State& state) {
+    for (auto _ : state) {
+        int ran = 0;
+        {
+            typename Column::Thread thread([&](typename Column::Thread&) { ran = 1; });
+        }
+        if (!Agrees(state, ran == 1))
+            return;
+    }
+}
+
+// A message that the reader posts to itself.
+template <typename Column> void PostAndGet(benchmark::State& state) {
+    typename Column::Thread thread([&](typename Column::Thread& self) {
+        for (auto _ : state) {
+            self.Post(7);
+            if (!Agrees(state, self.Get() == 7))
+                return;
+        }
+    });
+}
+
+template <typename Column> void Million(benchmark::State& state) {
+    for (auto _ : state) {
+        unsigned long received = 0;
+        {
+            typename Column::Thread reader([&](typename Column::Thread& self) {
+                while (self.Get() != LAST)
+                    ++received;
+            });
+            for (int i = 0; i < MANY; ++i)
+                reader.Post(1);
+            reader.Post(LAST);
+        }
+        if (!Agrees(state, received == MANY))
+            return;
+    }
+}
+
+// A message to another thread and its answer.
+template <typename Column> void PingPong(benchmark::State& state) {
+    using Thread = typename Column::Thread;
+    std::atomic<Thread*> first{nullptr};
+    Thread second([&](Thread& self) {
+        unsigned int number;
+        do {
+            number = self.Get();
+            first.load()->Post(number);
+        } while (number != LAST);
+    });
+    Thread here([&](Thread& self) {
+        first = &self;
+        for (auto _ : state) {
+            second.Post(1);
+            if (!Agrees(state, self.Get() == 1))
+                break;
+        }
+        second.Post(LAST);
+        self.Get();
+    });
+}
+
+} // namespace
+
+#define COLUMNS(operation, ...)                                                                              \
+    BENCHMARK_TEMPLATE(operation, Library) __VA_ARGS__;                                                      \
+    BENCHMARK_TEMPLATE(operation, Floor) __VA_ARGS__;                                                        \
+    BENCHMARK_TEMPLATE(operation, Std) __VA_ARGS__;                                                          \
+    BENCH_IF_QT(BENCHMARK_TEMPLATE(operation, QtCore) __VA_ARGS__;)                                          \
+    BENCH_IF_GLIB(BENCHMARK_TEMPLATE(operation, Glib) __VA_ARGS__;)
+COLUMNS(CreateToGone, ->UseRealTime())
+COLUMNS(PostAndGet, ->UseRealTime())
+COLUMNS(Million, ->UseRealTime()->Unit(benchmark::kMillisecond))
+COLUMNS(PingPong, ->UseRealTime())
