@@ -29,18 +29,23 @@ template <typename Sink> void PrintTo(Sink sink, const char* format, va_list arg
     va_end(again);
 }
 
-const char* EntityFor(char c) {
+struct Entity {
+    const char* text;
+    unsigned int length;
+};
+
+Entity EntityFor(char c) {
     switch (c) {
     case '<':
-        return "&lt;";
+        return {"&lt;", 4};
     case '>':
-        return "&gt;";
+        return {"&gt;", 4};
     case '&':
-        return "&amp;";
+        return {"&amp;", 5};
     case '\'':
-        return "&apos;";
+        return {"&apos;", 6};
     default:
-        return "&quot;";
+        return {"&quot;", 6};
     }
 }
 
@@ -108,21 +113,32 @@ unsigned int CMemFile::Read(void* dest, unsigned int count) {
     return count;
 }
 
-void CMemFile::Write(const void* data, unsigned int count) {
-    const unsigned int writeEnd = m_uiPosition + count;
-    if (writeEnd > m_uiBufferSize) {
-        if (m_uiGrowBytes != 0)
-            Grow(StepsUpTo(writeEnd));
-        else if (m_uiPosition >= m_uiBufferSize)
+void CMemFile::Write(const void* data, unsigned int count) { WriteInline(data, count); }
+
+// Apart from Write for those who write in small pieces.
+inline void CMemFile::WriteInline(const void* data, unsigned int count) {
+    if (m_uiPosition + count > m_uiBufferSize) {
+        unsigned int fitting = count;
+        if (!MakeRoomFor(fitting))
             return;
-        else
-            count = m_uiBufferSize - m_uiPosition;
+        count = fitting;
     }
     if (count > 0)
         memcpy(m_pBuffer + m_uiPosition, data, count);
     m_uiPosition += count;
     if (m_uiPosition > m_uiFileLength)
         m_uiFileLength = m_uiPosition;
+}
+
+// For a write beyond the buffer: grows it, or cuts count to what a fixed one takes. False if that is nothing.
+__attribute__((noinline)) bool CMemFile::MakeRoomFor(unsigned int& count) {
+    if (m_uiGrowBytes != 0)
+        Grow(StepsUpTo(m_uiPosition + count));
+    else if (m_uiPosition >= m_uiBufferSize)
+        return false;
+    else
+        count = m_uiBufferSize - m_uiPosition;
+    return true;
 }
 
 // The buffer size plus as many whole steps as hold required bytes; required itself where that exceeds 32
@@ -156,12 +172,12 @@ void CMemFile::WriteStrEntities(const char* text) {
     for (;;) {
         const size_t run = strcspn(text, "<>&'\"");
         if (run > 0)
-            Write(text, static_cast<unsigned int>(run));
+            WriteInline(text, static_cast<unsigned int>(run));
         text += run;
         if (*text == '\0')
             return;
-        const char* entity = EntityFor(*text++);
-        Write(entity, static_cast<unsigned int>(strlen(entity)));
+        const Entity entity = EntityFor(*text++);
+        WriteInline(entity.text, entity.length);
     }
 }
 

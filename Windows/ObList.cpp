@@ -6,36 +6,20 @@ namespace {
 
 constexpr char kSource[] = "Windows/ObList";
 
-CObList::CNode* NodeAt(POSITION pos) { return reinterpret_cast<CObList::CNode*>(pos); }
-
-POSITION PositionOf(CObList::CNode* node) { return reinterpret_cast<POSITION>(node); }
-
-// The node at pos, which moves along the given link.
-CObList::CNode* Step(POSITION& pos, CObList::CNode* CObList::CNode::*link) {
-    CObList::CNode* node = NodeAt(pos);
-    pos = PositionOf(node->*link);
-    return node;
-}
-
 } // namespace
 
 CObList::CObList() : m_pNodeHead(nullptr), m_pNodeTail(nullptr), m_nCount(0) {}
 
 CObList::~CObList() { RemoveAll(); }
 
-// --- Walking -------------------------------------------------------------------------------------------
+// --- Walking: for programs that do not have it inline --------------------------------------------------
 
-POSITION CObList::GetHeadPosition() const { return PositionOf(m_pNodeHead); }
-
-POSITION CObList::GetTailPosition() const { return PositionOf(m_pNodeTail); }
-
-CObject*& CObList::GetNext(POSITION& pos) { return Step(pos, &CNode::pNext)->data; }
-
-CObject* CObList::GetNext(POSITION& pos) const { return Step(pos, &CNode::pNext)->data; }
-
-CObject*& CObList::GetPrev(POSITION& pos) { return Step(pos, &CNode::pPrev)->data; }
-
-CObject* CObList::GetPrev(POSITION& pos) const { return Step(pos, &CNode::pPrev)->data; }
+__attribute__((used)) POSITION (CObList::*const g_getHeadPosition)() const = &CObList::GetHeadPosition;
+__attribute__((used)) POSITION (CObList::*const g_getTailPosition)() const = &CObList::GetTailPosition;
+__attribute__((used)) CObject*& (CObList::*const g_getNext)(POSITION&) = &CObList::GetNext;
+__attribute__((used)) CObject* (CObList::*const g_getNextOfConst)(POSITION&) const = &CObList::GetNext;
+__attribute__((used)) CObject*& (CObList::*const g_getPrev)(POSITION&) = &CObList::GetPrev;
+__attribute__((used)) CObject* (CObList::*const g_getPrevOfConst)(POSITION&) const = &CObList::GetPrev;
 
 // --- Elements ------------------------------------------------------------------------------------------
 

@@ -42,16 +42,16 @@ public:
     ~CObList();
 
     // The first and the last position; NULL when the list is empty.
-    POSITION GetHeadPosition() const;
-    POSITION GetTailPosition() const;
+    WINDOWS_INLINE_EXPORT POSITION GetHeadPosition() const;
+    WINDOWS_INLINE_EXPORT POSITION GetTailPosition() const;
 
     // The element at pos, which becomes the position behind it (NULL after the tail).
-    CObject*& GetNext(POSITION& pos);
-    CObject* GetNext(POSITION& pos) const;
+    WINDOWS_INLINE_EXPORT CObject*& GetNext(POSITION& pos);
+    WINDOWS_INLINE_EXPORT CObject* GetNext(POSITION& pos) const;
 
     // The element at pos, which becomes the position in front of it (NULL before the head).
-    CObject*& GetPrev(POSITION& pos);
-    CObject* GetPrev(POSITION& pos) const;
+    WINDOWS_INLINE_EXPORT CObject*& GetPrev(POSITION& pos);
+    WINDOWS_INLINE_EXPORT CObject* GetPrev(POSITION& pos) const;
 
     // Reads and replaces the element at a position.
     CObject*& GetAt(POSITION pos);
@@ -109,6 +109,31 @@ public:
     CNode* m_pNodeHead;
     CNode* m_pNodeTail;
     int m_nCount;
+
+private:
+    static CNode* NodeAt(POSITION pos) { return reinterpret_cast<CNode*>(pos); }
+    static POSITION PositionOf(CNode* node) { return reinterpret_cast<POSITION>(node); }
+
+    // The node at pos, which moves along the given link.
+    static CNode* Step(POSITION& pos, CNode* CNode::*link) {
+        CNode* node = NodeAt(pos);
+        pos = PositionOf(node->*link);
+        return node;
+    }
 };
+
+// ---------------------------------------------------------------------------------------------------------
+
+inline POSITION CObList::GetHeadPosition() const { return PositionOf(m_pNodeHead); }
+
+inline POSITION CObList::GetTailPosition() const { return PositionOf(m_pNodeTail); }
+
+inline CObject*& CObList::GetNext(POSITION& pos) { return Step(pos, &CNode::pNext)->data; }
+
+inline CObject* CObList::GetNext(POSITION& pos) const { return Step(pos, &CNode::pNext)->data; }
+
+inline CObject*& CObList::GetPrev(POSITION& pos) { return Step(pos, &CNode::pPrev)->data; }
+
+inline CObject* CObList::GetPrev(POSITION& pos) const { return Step(pos, &CNode::pPrev)->data; }
 
 #endif

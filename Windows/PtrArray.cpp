@@ -12,11 +12,14 @@ constexpr int kGrowBy = 16;
 
 } // namespace
 
+// For programs that do not have them inline.
+__attribute__((used)) int (CPtrArray::*const g_getSize)() = &CPtrArray::GetSize;
+__attribute__((used)) void* (CPtrArray::*const g_getAt)(int) = &CPtrArray::GetAt;
+__attribute__((used)) int (CPtrArray::*const g_add)(void*) = &CPtrArray::Add;
+
 CPtrArray::CPtrArray() : m_pData(nullptr), m_nMaxSize(kNoStorage), m_nSize(kNoStorage), m_nGrowBy(kGrowBy) {}
 
 CPtrArray::~CPtrArray() { RemoveAll(); }
-
-int CPtrArray::GetSize() { return std::max(m_nSize, 0); }
 
 int CPtrArray::GetUpperBound() { return GetSize() - 1; }
 
@@ -38,8 +41,6 @@ void CPtrArray::RemoveAll() {
     m_nGrowBy = kGrowBy;
 }
 
-void* CPtrArray::GetAt(int nIndex) { return Has(nIndex) ? m_pData[nIndex] : nullptr; }
-
 void* CPtrArray::operator[](int nIndex) const { return GetAt(nIndex); }
 
 void*& CPtrArray::operator[](int nIndex) {
@@ -51,15 +52,6 @@ void*& CPtrArray::operator[](int nIndex) {
 void CPtrArray::SetAt(int nIndex, void* p) {
     if (Has(nIndex))
         m_pData[nIndex] = p;
-}
-
-int CPtrArray::Add(void* p) {
-    if (m_nSize == m_nMaxSize)
-        Grow(-1);
-    if (m_nSize == kNoStorage || !m_pData)
-        return 0;
-    m_pData[m_nSize] = p;
-    return m_nSize++;
 }
 
 bool CPtrArray::Grow(int nNewMax) {

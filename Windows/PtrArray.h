@@ -9,6 +9,8 @@
 #ifndef WINDOWS_PTRARRAY_H
 #define WINDOWS_PTRARRAY_H
 
+#include <Windows/types.h>
+
 class CPtrArray {
 public:
     // An array without storage.
@@ -20,7 +22,7 @@ public:
     ~CPtrArray();
 
     // The number of elements, and the highest index: -1 without elements.
-    int GetSize();
+    WINDOWS_INLINE_EXPORT int GetSize();
     int GetSize() const { return const_cast<CPtrArray*>(this)->GetSize(); }
     int GetCount() const { return GetSize(); }
     bool IsEmpty() const { return GetSize() == 0; }
@@ -37,7 +39,7 @@ public:
     void RemoveAll();
 
     // The element, or NULL if there is none.
-    void* GetAt(int nIndex);
+    WINDOWS_INLINE_EXPORT void* GetAt(int nIndex);
     void* GetAt(int nIndex) const { return const_cast<CPtrArray*>(this)->GetAt(nIndex); }
     void* operator[](int nIndex) const;
 
@@ -53,7 +55,7 @@ public:
     void SetAtGrow(int nIndex, void* p);
 
     // Appends an element and returns its index. 0 may also mean that nothing was stored.
-    int Add(void* p);
+    WINDOWS_INLINE_EXPORT int Add(void* p);
 
     // Puts p in nCount times at the index, adding NULLs in front as needed; nothing for a negative index.
     void InsertAt(int nIndex, void* p, int nCount = 1);
@@ -79,6 +81,19 @@ private:
 };
 
 // ---------------------------------------------------------------------------------------------------------
+
+inline int CPtrArray::GetSize() { return m_nSize > 0 ? m_nSize : 0; }
+
+inline void* CPtrArray::GetAt(int nIndex) { return Has(nIndex) ? m_pData[nIndex] : nullptr; }
+
+inline int CPtrArray::Add(void* p) {
+    if (m_nSize == m_nMaxSize)
+        Grow(-1);
+    if (m_nSize < 0 || !m_pData)
+        return 0;
+    m_pData[m_nSize] = p;
+    return m_nSize++;
+}
 
 inline void CPtrArray::SetAtGrow(int nIndex, void* p) {
     if (nIndex < 0)

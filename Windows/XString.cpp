@@ -175,18 +175,8 @@ XString& XString::operator=(const char* psz) {
 
 // --- Concatenation -------------------------------------------------------------------------------------
 
-XString& XString::operator+=(char ch) {
-    // No detach: every string that shares the header sees the character.
-    const unsigned int length = m_pStrData->m_uiLength;
-    if (length + 2 > m_pStrData->m_uiBuffSize)
-        m_pStrData->Reallocate(length + 2, true);
-    char* text = m_pStrData->LockBuffer();
-    text[length] = ch;
-    text[length + 1] = '\0';
-    m_pStrData->SetLength(length + 1);
-    m_pStrData->UnlockBuffer();
-    return *this;
-}
+// For programs that do not have it inline.
+__attribute__((used)) XString& (XString::*const g_appendCharacter)(char) = &XString::operator+=;
 
 XString& XString::operator+=(const char* psz) {
     if (!psz)

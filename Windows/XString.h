@@ -126,7 +126,7 @@ public:
     XString& operator=(const char* psz);
 
     // Appends in place, for every string that shares the header.
-    XString& operator+=(char ch);
+    WINDOWS_INLINE_EXPORT XString& operator+=(char ch);
 
     // Appends to a header of its own, of the exact size and the default granule, also when the text is "".
     // NULL changes nothing. When memory runs out the string is as it was.
@@ -350,8 +350,11 @@ inline XStringData::XStringData()
 }
 
 inline char* XStringData::LockBuffer() {
-    if (m_bLocked)
-        return nullptr;
+    if (m_bLocked) {
+        char* nothing = nullptr;
+        __asm__("" : "+r"(nothing)); // a compiler that sees it may leave out the write that is to fault
+        return nothing;
+    }
     m_bLocked = true;
     return m_pszData;
 }
@@ -388,6 +391,22 @@ inline XString& XString::operator=(const XString& source) { // NOLINT(bugprone-u
     XStringData* shared = source.m_pStrData->AddRef();
     m_pStrData->Release();
     m_pStrData = shared;
+    return *this;
+}
+
+inline XString& XString::operator+=(char ch) {
+    // No detach: every string that shares the header sees the character.
+    const unsigned int length = m_pStrData->m_uiLength;
+    if (length + 2 > m_pStrData->m_uiBuffSize)
+        m_pStrData->Reallocate(length + 2, true);
+    char* text = m_pStrData->LockBuffer();
+    text[length] = ch;
+    text[length + 1] = '\0';
+    if (length + 1 < m_pStrData->m_uiBuffSize)
+        m_pStrData->m_uiLength = length + 1;
+    else
+        m_pStrData->SetLength(length + 1); // aborts
+    m_pStrData->UnlockBuffer();
     return *this;
 }
 

@@ -84,4 +84,8 @@ inline bool FAILED(HRESULT result) { return result < 0; }
 #define WINDOWS_PRINTF_FORMAT(formatIndex, firstIndex)                                                       \
     __attribute__((format(printf, formatIndex, firstIndex)))
 
+// Declares a function that is inline in the header and that the library exports too, for programs that were
+// built when it was not.
+#define WINDOWS_INLINE_EXPORT __attribute__((visibility("default")))
+
 #endif

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <charconv>
 
 #include <Windows/internal/Assertion.h>
 
@@ -42,6 +43,12 @@ uint32_t TruncatedUnsigned(double value) {
     if (value >= UINT32_MAX + 1.0)
         return UINT32_MAX;
     return static_cast<uint32_t>(value);
+}
+
+void SetText(tagVARIANT& v, int value) {
+    char text[16];
+    *std::to_chars(text, text + sizeof text, value).ptr = '\0';
+    SetValue(v, SysAllocString(text));
 }
 
 template <typename T> void SetText(tagVARIANT& v, const char* format, T value) {
@@ -90,7 +97,7 @@ void FromInteger(tagVARIANT& v, int value, VARTYPE newType) {
         SetValue(v, static_cast<double>(value));
         break;
     case VT_BSTR:
-        SetText(v, "%d", value);
+        SetText(v, value);
         break;
     case VT_BOOL:
         SetValue(v, AsBool(value != 0));
@@ -137,6 +144,15 @@ void FromReal(tagVARIANT& v, double value, const char* format, VARTYPE newType) 
 
 // A long of 64 bits is cut to what strtol gives where it has 32.
 int ParsedInteger(const char* text) {
+    // A plain number of no more digits than an int always holds.
+    constexpr int kSafeDigits = 9;
+    const char* digit = *text == '-' ? text + 1 : text;
+    const char* const first = digit;
+    int number = 0;
+    while (*digit >= '0' && *digit <= '9' && digit - first < kSafeDigits)
+        number = number * 10 + (*digit++ - '0');
+    if (digit != first && !(*digit >= '0' && *digit <= '9'))
+        return *text == '-' ? -number : number;
     return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
