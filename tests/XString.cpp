@@ -1,6 +1,7 @@
 // The string's storage: headers, sharing, the buffer lock, construction, assignment, concatenation, buffer
 // access, the two counters and Dump.
 #include <limits.h>
+#include <malloc.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -461,7 +462,9 @@ TEST(XString, CopyBeforeWrite_without_a_buffer_makes_a_terminated_text_of_size_0
     XString a;
     XString b(a);
     CallLog log({Call::Malloc});
+    mallopt(M_PERTURB, 1); // a fresh block does not begin with a NUL by chance
     b.CopyBeforeWrite();
+    mallopt(M_PERTURB, 0);
     EXPECT_EQ(log.Texts(), (std::vector<std::string>{"malloc(1)"}));
     EXPECT_EQ(State(b), "'' length 0 size 0 refs 1 block -1");
     EXPECT_EQ(State(a), kFresh);
