@@ -171,7 +171,7 @@ class CheckHost(unittest.TestCase):
         self.assertEqual(self.check(1, *files), complaint + "check-host: 1 of 20 services cannot be used\n")
 
     def test_the_programs_of_the_reference_host(self):
-        for program in ("reference_host_tests", "peer_program", "readme_example"):
+        for program in ("reference_host_tests", "peer_program", "porting11"):
             self.assertEqual(self.check(0, str(BUILD / "tests" / program)), ALL_THERE)
 
     def test_a_shared_object(self):
