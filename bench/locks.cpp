@@ -250,4 +250,4 @@ COLUMNS(LockAndUnlock)
 BENCHMARK_TEMPLATE(WaitAndRelease, Library);
 BENCHMARK_TEMPLATE(WaitAndRelease, Floor);
 COLUMNS(SetWaitReset)
-COLUMNS(EventPingPong, ->UseRealTime())
+COLUMNS(EventPingPong, ->MeasureProcessCPUTime()->UseRealTime())

@@ -16,6 +16,7 @@ set ylabel ""
 plot data using ($1/60):4 with lines title "descriptors", \
      data using ($1/60):5 with lines title "threads"
 set ylabel "per second"
+unset offsets # a logarithmic axis takes none
 set logscale y
 set yrange [1:*]
 plot data using ($1/60):($6/$1) with lines title "frames", \
