@@ -16,7 +16,7 @@ constexpr unsigned int kLongestStepMs = 333;
 // Tries, sleeps a whole step, and so on until the time is used up. The last sleep is not followed by a try.
 // Apart from Lock, which would save registers for it.
 __attribute__((noinline)) bool Poll(pthread_mutex_t* mutex, unsigned int timeoutMs,
-                                    const windows::NoCancellation& noCancellation) {
+                                    windows::NoCancellation& noCancellation) {
     const unsigned int stepMs = std::clamp(timeoutMs / 10, 1U, kLongestStepMs);
     unsigned int remainingMs = timeoutMs;
     while (pthread_mutex_trylock(mutex) != 0) {
@@ -59,7 +59,7 @@ CMutex::~CMutex() { pthread_mutex_destroy(&m_mutex); }
 
 int CMutex::Lock(unsigned long dwTimeoutMs) {
     // Callers lock in destructors and hold what they locked: nothing here may be cancelled but the sleep.
-    const windows::NoCancellation noCancellation;
+    windows::NoCancellation noCancellation;
     const auto timeoutMs = static_cast<unsigned int>(dwTimeoutMs);
     const unsigned long tid = pthread_self();
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry,

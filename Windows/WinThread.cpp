@@ -438,7 +438,7 @@ bool CWinThread::CountWaitingBytes(int& count) {
 
 // What read returned, and its errno.
 long CWinThread::ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use) {
-    const windows::NoCancellation noCancellation;
+    windows::NoCancellation noCancellation;
     const int readDesc = m_readDesc;
     // No scope holds this lock: a thread that is cancelled in the read must not touch the object, which its
     // destroyer may have freed by then.

@@ -14,19 +14,20 @@
 
 namespace windows {
 
-// Whether the calling thread is that of a CWinThread. In ThreadLife.cpp. The model spares the library the
-// dynamic linker's help at each access, and with it a dependency on the dynamic linker.
-extern __thread bool t_isOwnThread __attribute__((tls_model("initial-exec"), visibility("hidden")));
+// Whether the calling thread is that of a CWinThread and in no NoCancellation. In ThreadLife.cpp. The model
+// spares the library the dynamic linker's help at each access, and with it a dependency on the dynamic
+// linker.
+extern __thread bool t_isCancellable __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
 class NoCancellation {
 public:
-    NoCancellation() {
+    NoCancellation() : m_acts(t_isCancellable) {
         if (m_acts)
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before);
+            Begin();
     }
     ~NoCancellation() {
         if (m_acts)
-            pthread_setcancelstate(m_before, nullptr);
+            End();
     }
 
     NoCancellation(const NoCancellation&) = delete;
@@ -34,27 +35,37 @@ public:
 
 private:
     friend class CancellationAsBefore;
-    const bool m_acts = t_isOwnThread;
+
+    void Begin() {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before);
+        t_isCancellable = false;
+    }
+    void End() const {
+        t_isCancellable = true;
+        pthread_setcancelstate(m_before, nullptr);
+    }
+
+    const bool m_acts; // one within another does nothing
     int m_before = PTHREAD_CANCEL_ENABLE;
 };
 
 // Inside a NoCancellation: what was allowed before it began is allowed for this scope.
 class CancellationAsBefore {
 public:
-    explicit CancellationAsBefore(const NoCancellation& scope) : m_acts(scope.m_acts) {
-        if (m_acts)
-            pthread_setcancelstate(scope.m_before, nullptr);
+    explicit CancellationAsBefore(NoCancellation& scope) : m_scope(scope) {
+        if (m_scope.m_acts)
+            m_scope.End();
     }
     ~CancellationAsBefore() {
-        if (m_acts)
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        if (m_scope.m_acts)
+            m_scope.Begin();
     }
 
     CancellationAsBefore(const CancellationAsBefore&) = delete;
     CancellationAsBefore& operator=(const CancellationAsBefore&) = delete;
 
 private:
-    const bool m_acts;
+    NoCancellation& m_scope;
 };
 
 } // namespace windows

@@ -52,7 +52,7 @@ __attribute__((tls_model("initial-exec"))) thread_local ThreadLife* t_own = null
 
 } // namespace
 
-__thread bool t_isOwnThread = false;
+__thread bool t_isCancellable = false;
 
 void ThreadLife::Begin(const CWinThread& object) {
     auto* life = new ThreadLife(object);
@@ -96,7 +96,7 @@ void ThreadLife::Release(const CWinThread& object) {
 
 ThreadLife::Self::Self(const CWinThread& object) : m_life(Find(object)) {
     t_own = m_life;
-    t_isOwnThread = true;
+    t_isCancellable = true;
     m_life->MoveTo(Phase::Starting);
 }
 
