@@ -715,6 +715,27 @@ TEST(MemFile, WriteStrEntities_replaces_five_characters) {
     }
 }
 
+// Behind the first special character the text is searched eight bytes at a time.
+TEST(MemFile, WriteStrEntities_finds_special_characters_at_any_distance_among_any_others) {
+    const std::string plain = "0123456789abcdefghijklmnopqrstuvwxyz";
+    for (int code = 1; code < 256; code++) {
+        const char c = static_cast<char>(code);
+        const std::string entity = c == '<'    ? "&lt;"
+                                   : c == '>'  ? "&gt;"
+                                   : c == '&'  ? "&amp;"
+                                   : c == '\'' ? "&apos;"
+                                   : c == '"'  ? "&quot;"
+                                               : std::string(1, c);
+        for (size_t before = 0; before < 20; before++)
+            for (size_t behind = 0; behind < 20; behind++) {
+                const std::string head = plain.substr(0, before), tail = plain.substr(0, behind);
+                CMemFile file(16U);
+                file.WriteStrEntities(("<" + head + c + tail + ">").c_str());
+                ASSERT_EQ(Content(file), "&lt;" + head + entity + tail + "&gt;") << "character " << code;
+            }
+    }
+}
+
 TEST(MemFile, WriteStrEntities_of_an_empty_text_allocates_nothing) {
     CMemFile file(16U);
     file.WriteStrEntities("");
