@@ -509,7 +509,7 @@ std::chrono::milliseconds Elapsed(const std::function<void()>& function) {
 TEST(Concurrency, Each_set_of_a_manual_reset_event_wakes_every_waiter_and_shows_what_was_written_before) {
     const int threads = 8;
     Recorder::Pause();
-    InPortions(HowMany(200, 50000), 5000, [](int rounds) {
+    InPortions(HowMany(200, 50000), 1000, [](int rounds) {
         Barrier barrier(threads);
         int written[threads] = {}; // plain: nothing but the barrier orders the threads
         Crew crew(threads, [&, rounds](int number) {
