@@ -20,8 +20,8 @@
 //   that cannot be delivered are dropped without a word.
 // - Cancellation: destroying a running CWinThread cancels its thread, which may be logging at that moment.
 //   On such a thread the library disables cancellation around the call where a lock is held or a destructor
-//   runs. Elsewhere a logger that contains a cancellation point (write, fprintf, syslog) may end in the middle
-//   of a line. A logger that wants whole lines disables cancellation itself.
+//   runs. Elsewhere a logger that contains a cancellation point (write, fprintf, syslog) may end in the
+//   middle of a line. A logger that wants whole lines disables cancellation itself.
 // - errno: the library keeps its own copy, so a logger may change it.
 // - Cost: each lock, unlock, send and receive posts between two and five events. Compare type and severity
 //   first and return before anything is formatted.

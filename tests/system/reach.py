@@ -42,7 +42,11 @@ class Machine:
     def __init__(self, name):
         self.name = "%s-%d" % (name, os.getpid())
         ip("netns", "add", self.name)
-        ip("-n", self.name, "link", "set", "lo", "up")
+        try:
+            ip("-n", self.name, "link", "set", "lo", "up")
+        except BaseException:
+            self.remove()
+            raise
 
     def command(self, *arguments):
         return ["ip", "netns", "exec", self.name, *arguments]
