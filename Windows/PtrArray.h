@@ -89,7 +89,7 @@ inline void* CPtrArray::GetAt(int nIndex) { return Has(nIndex) ? m_pData[nIndex]
 inline int CPtrArray::Add(void* p) {
     if (m_nSize == m_nMaxSize)
         Grow(-1);
-    if (m_nSize < 0 || !m_pData)
+    if (m_nSize == -1 || !m_pData)
         return 0;
     m_pData[m_nSize] = p;
     return m_nSize++;

@@ -65,7 +65,8 @@ XStringData* XStringData::AddRef() {
 
 void XStringData::Release() {
     // The only reference is the caller's, and nobody can take another: no need to count it down.
-    if (IsShared() && __atomic_fetch_sub(&m_iRefCount, 1, __ATOMIC_SEQ_CST) != 1)
+    if (__atomic_load_n(&m_iRefCount, __ATOMIC_ACQUIRE) != 1 &&
+        __atomic_fetch_sub(&m_iRefCount, 1, __ATOMIC_SEQ_CST) != 1)
         return;
     free(m_pszData);
     windows::RelaxedStore(m_iObjCount, windows::RelaxedLoad(m_iObjCount) - 1);

@@ -422,6 +422,19 @@ TEST(XString, Resize_of_an_unshared_buffer_does_not_touch_the_lock) {
 
 // -- Detach --------------------------------------------------------------------------------------------
 
+// One that was released once too often is not freed a second time.
+TEST(XString, Release_frees_only_where_the_count_was_1) {
+    auto* header = new XStringData;
+    const int headers = XStringData::m_iObjCount;
+    header->m_iRefCount = 0;
+    header->Release();
+    EXPECT_EQ(XStringData::m_iObjCount, headers);
+    ASSERT_EQ(header->m_iRefCount, -1);
+    header->m_iRefCount = 1;
+    header->Release();
+    EXPECT_EQ(XStringData::m_iObjCount, headers - 1);
+}
+
 TEST(XString, CopyBeforeWrite_does_nothing_to_an_unshared_string) {
     XString s("abc");
     const XStringData* header = s.m_pStrData;

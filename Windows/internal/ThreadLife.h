@@ -87,8 +87,8 @@ private:
 
     // Read and written in one order for all threads.
     std::atomic<Phase> m_phase{Phase::Created}; // the thread's
-    std::atomic<bool> m_wanted{
-        false}; // a destroyer waits or has waited: the thread begins no further stretch
+    // A destroyer waits or has waited: the thread begins no further stretch.
+    std::atomic<bool> m_wanted{false};
 
     pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER; // guards what follows, and the step to Over
     pthread_cond_t m_changed = PTHREAD_COND_INITIALIZER; // anything that a destroyer may wait for
