@@ -17,6 +17,7 @@
 #include <mutex>
 
 #include <Windows/XString.h>
+#include <reference_host/internal/LogTypeName.h>
 #include <reference_host/internal/Timeline.h>
 #include <reference_host/internal/Undisturbed.h>
 
@@ -69,21 +70,6 @@ Date DateOf(long daysSince1970) {
     return {period * 400 + yearOfPeriod + (month <= 2 ? 1 : 0), month, day};
 }
 
-// NULL for a type of the host's own.
-const char* NameOf(LogTypeEnum type) {
-    switch (type) {
-    case LogTypeGeneral:
-        return "general";
-    case LogTypeTraffic:
-        return "traffic";
-    case LogTypeLife:
-        return "life";
-    case LogTypeMutex:
-        return "mutex";
-    }
-    return nullptr;
-}
-
 // A line in the making. Less than PIPE_BUF, so that a pipe takes it whole.
 constexpr size_t kLineSize = 1024;
 
@@ -98,7 +84,7 @@ public:
         AppendFormatted("%04ld-%02ld-%02ldT%02ld:%02ld:%02ld.%03ldZ %ld ", date.year, date.month, date.day,
                         second / 3600, second / 60 % 60, second % 60,
                         static_cast<long>(now.tv_nsec / 1000000), syscall(SYS_gettid));
-        if (const char* name = NameOf(type))
+        if (const char* name = reference_host::NameOf(type))
             AppendFormatted("%s %d ", name, static_cast<int>(severity));
         else
             AppendFormatted("%d %d ", static_cast<int>(type), static_cast<int>(severity));

@@ -16,6 +16,7 @@
 #include <mutex>
 
 #include <host/Time.h>
+#include <reference_host/internal/LogTypeName.h>
 #include <reference_host/internal/TraceFile.h>
 #include <reference_host/internal/Undisturbed.h>
 #include <reference_host/reference_host.h>
@@ -255,17 +256,8 @@ struct Event {
 };
 
 const char* CategoryOf(LogTypeEnum type) {
-    switch (type) {
-    case LogTypeGeneral:
-        return "general";
-    case LogTypeTraffic:
-        return "traffic";
-    case LogTypeLife:
-        return "life";
-    case LogTypeMutex:
-        return "mutex";
-    }
-    return "host";
+    const char* const name = NameOf(type);
+    return name ? name : "host";
 }
 
 void ShowAs(const Event& shown, const char* name, const char* category) {
