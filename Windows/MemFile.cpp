@@ -30,27 +30,32 @@ template <typename Sink> void PrintTo(Sink sink, const char* format, va_list arg
     va_end(again);
 }
 
+constexpr size_t kWord = 8;
+constexpr size_t kLongestEntity = 6;
+
 struct Entity {
-    const char* text;
+    char text[kWord];
     unsigned int length;
 };
 
-Entity EntityFor(char c) {
+constexpr char kSpecial[] = "<>&'\"";
+
+const Entity& EntityFor(char c) {
+    static constexpr Entity kEntities[] = {
+        {"&lt;", 4}, {"&gt;", 4}, {"&amp;", 5}, {"&apos;", 6}, {"&quot;", 6}};
     switch (c) {
     case '<':
-        return {"&lt;", 4};
+        return kEntities[0];
     case '>':
-        return {"&gt;", 4};
+        return kEntities[1];
     case '&':
-        return {"&amp;", 5};
+        return kEntities[2];
     case '\'':
-        return {"&apos;", 6};
+        return kEntities[3];
     default:
-        return {"&quot;", 6};
+        return kEntities[4];
     }
 }
-
-constexpr char kSpecial[] = "<>&'\"";
 
 bool IsSpecial(char c) { return c == '<' || c == '>' || c == '&' || c == '\'' || c == '"'; }
 
@@ -69,31 +74,61 @@ constexpr uint64_t Candidates(uint64_t bytes) {
 }
 
 // Which of eight bytes, in the order of memory, is the first whose high bit is set.
-int FirstOf(uint64_t highBits) {
-    return (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? __builtin_ctzll(highBits)
-                                                      : __builtin_clzll(highBits)) /
+unsigned int FirstOf(uint64_t highBits) {
+    return static_cast<unsigned int>(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? __builtin_ctzll(highBits)
+                                                                               : __builtin_clzll(highBits)) /
            8;
 }
 
-// The first special character, or end. It looks at eight characters at a time; strcspn, which is faster in
-// the long run, takes longer to begin than the run between two special characters of a markup is long.
-const char* FindSpecial(const char* text, const char* end) {
-    while (end - text >= 8) {
-        uint64_t bytes = 0;
-        memcpy(&bytes, text, sizeof bytes);
-        const uint64_t candidates = Candidates(bytes);
-        if (candidates == 0) {
-            text += 8;
-            continue;
-        }
-        text += FirstOf(candidates);
-        if (*text != '#')
-            return text;
-        ++text;
+constexpr uint64_t Without(uint64_t highBits, unsigned int byte) {
+    return highBits & ~(uint64_t{0x80} << 8 * (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? byte : 7 - byte));
+}
+
+// Escaping writes whole words, and over what it has written too far: the run between two special characters
+// of a markup is short, shorter than what a call that searches or copies it takes to begin. The functions
+// return the end of what they have written.
+
+char* EscapeCharacter(char c, char* to) {
+    if (!IsSpecial(c)) {
+        *to = c;
+        return to + 1;
     }
-    while (text != end && !IsSpecial(*text))
-        ++text;
-    return text;
+    const Entity& entity = EntityFor(c);
+    memcpy(to, entity.text, kWord);
+    return to + entity.length;
+}
+
+// Eight characters, behind which eight more can be read. Where they go depends on the lengths of entities but
+// not on where the special characters stand, so the processor begins with the next word meanwhile.
+char* EscapeWord(const char* from, char* to) {
+    uint64_t bytes = 0;
+    memcpy(&bytes, from, kWord);
+    memcpy(to, &bytes, kWord);
+    for (uint64_t candidates = Candidates(bytes); candidates != 0;) {
+        const unsigned int at = FirstOf(candidates);
+        candidates = Without(candidates, at);
+        if (from[at] == '#')
+            continue;
+        const Entity& entity = EntityFor(from[at]);
+        memcpy(to + at, entity.text, kWord);
+        to += entity.length - 1;
+        memcpy(to + at + 1, from + at + 1, kWord);
+    }
+    return to + kWord;
+}
+
+// As much of the text as fits with certainty; moves text behind it.
+char* EscapePart(const char*& text, const char* textEnd, char* to, const char* toEnd) {
+    constexpr size_t kMostOfAWord = kWord * kLongestEntity + kWord;
+    while (text != textEnd && static_cast<size_t>(toEnd - to) >= kMostOfAWord) {
+        if (static_cast<size_t>(textEnd - text) >= 2 * kWord) {
+            to = EscapeWord(text, to);
+            text += kWord;
+        } else {
+            to = EscapeCharacter(*text++, to);
+        }
+    }
+    return to;
 }
 
 } // namespace
@@ -160,10 +195,7 @@ unsigned int CMemFile::Read(void* dest, unsigned int count) {
     return count;
 }
 
-void CMemFile::Write(const void* data, unsigned int count) { WriteInline(data, count); }
-
-// Apart from Write for those who write in small pieces.
-inline void CMemFile::WriteInline(const void* data, unsigned int count) {
+void CMemFile::Write(const void* data, unsigned int count) {
     if (m_uiPosition + count > m_uiBufferSize) {
         unsigned int fitting = count;
         if (!MakeRoomFor(fitting))
@@ -216,17 +248,15 @@ void CMemFile::WriteF(const char* format, ...) {
 }
 
 void CMemFile::WriteStrEntities(const char* text) {
-    const char* special = text + strcspn(text, kSpecial); // in many texts there is none
-    const char* const textEnd = special + strlen(special);
-    for (;;) {
-        if (special != text)
-            WriteInline(text, static_cast<unsigned int>(special - text));
-        if (special == textEnd)
-            return;
-        const Entity entity = EntityFor(*special);
-        WriteInline(entity.text, entity.length);
-        text = special + 1;
-        special = FindSpecial(text, textEnd);
+    const size_t plain = strcspn(text, kSpecial); // in many texts that is all
+    if (plain > 0)
+        Write(text, static_cast<unsigned int>(plain));
+    text += plain;
+    const char* const textEnd = text + strlen(text);
+    while (text != textEnd) {
+        char escaped[1024];
+        const char* const escapedEnd = EscapePart(text, textEnd, escaped, escaped + sizeof escaped);
+        Write(escaped, static_cast<unsigned int>(escapedEnd - escaped));
     }
 }
 

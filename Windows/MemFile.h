@@ -96,7 +96,6 @@ public:
     unsigned char* m_pBuffer;    // from malloc; NULL when nothing is allocated
 
 private:
-    void WriteInline(const void* data, unsigned int count);
     bool MakeRoomFor(unsigned int& count);
     unsigned int StepsUpTo(unsigned int required) const;
 };

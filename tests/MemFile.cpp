@@ -742,16 +742,51 @@ TEST(MemFile, WriteStrEntities_of_an_empty_text_allocates_nothing) {
     EXPECT_EQ(State(file), "open 1 grow 16 size 0 length 0 position 0 no buffer");
 }
 
-TEST(MemFile, WriteStrEntities_writes_piece_by_piece) {
-    // A fixed buffer cuts each piece for itself, so part of an entity may be stored.
+TEST(MemFile, WriteStrEntities_stores_part_of_an_entity_where_a_fixed_buffer_ends) {
     CMemFile file(Buffer(3), 3, 0);
     file.WriteStrEntities("a<b");
     EXPECT_EQ(Content(file), "a&l");
-    // Growth goes by the piece: 1, then 4 bytes into room for 1.
-    CMemFile growing(1U);
+    EXPECT_EQ(file.m_uiPosition, 3U);
+}
+
+TEST(MemFile, WriteStrEntities_leaves_what_lies_behind_the_escaped_text) {
+    // With a special character in each place of the words that are escaped at once, and up to the very end.
+    for (size_t length = 1; length <= 40; ++length) {
+        for (size_t special = 0; special < length; ++special) {
+            SCOPED_TRACE(testing::Message() << special << " of " << length);
+            std::string text(length, 'x');
+            text[special] = '\'';
+            const std::string escaped = std::string(text).replace(special, 1, "&apos;");
+            unsigned char* buffer = Buffer(200);
+            memset(buffer, '~', 200);
+            CMemFile file(buffer, 200, 0);
+            file.WriteStrEntities(text.c_str());
+            EXPECT_EQ(Content(file), escaped);
+            EXPECT_EQ(std::string(buffer + escaped.size(), buffer + 200),
+                      std::string(200 - escaped.size(), '~'));
+        }
+    }
+}
+
+TEST(MemFile, WriteStrEntities_grows_once_for_a_short_text_behind_its_first_special_character) {
+    CMemFile file(1U);
     CallLog log({Call::Malloc, Call::Realloc});
-    growing.WriteStrEntities("a<b");
-    EXPECT_EQ(Sizes(log), (std::vector<long>{1, 5, 6}));
+    file.WriteStrEntities("a<b");
+    EXPECT_EQ(Sizes(log), (std::vector<long>{1, 6}));
+}
+
+TEST(MemFile, WriteStrEntities_escapes_texts_of_nothing_but_special_characters) {
+    for (size_t count : {7U, 8U, 16U, 17U, 1000U}) {
+        SCOPED_TRACE(count);
+        std::string text, escaped;
+        for (size_t i = 0; i < count; ++i) {
+            text += "<>&'\"#"[i % 6];
+            escaped += std::vector<std::string>{"&lt;", "&gt;", "&amp;", "&apos;", "&quot;", "#"}[i % 6];
+        }
+        CMemFile file(1024U);
+        file.WriteStrEntities(text.c_str());
+        EXPECT_EQ(Content(file), escaped);
+    }
 }
 
 TEST(MemFile, WriteStrEntities_writes_a_run_of_plain_characters_at_once) {
