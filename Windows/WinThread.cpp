@@ -14,10 +14,10 @@
 #include <host/Logger.h>
 #include <host/Time.h>
 
-#include <Windows/SingleLock.h>
 #include <Windows/event.h>
 #include <Windows/internal/Cancellation.h>
 #include <Windows/internal/DescriptorSet.h>
+#include <Windows/internal/MutexScope.h>
 #include <Windows/internal/Relaxed.h>
 #include <Windows/internal/ThreadLife.h>
 
@@ -209,7 +209,7 @@ void CWinThread::Work() {
     MainFunction main = nullptr;
     {
         const windows::NoCancellation untilWorkIsKnown;
-        { const CSingleLock untilResumed(&m_suspenderMutex); }
+        { const windows::MutexScope untilResumed(m_suspenderMutex); }
         if (!life.Enter())
             return;
         pfnThreadProc = m_pfnThreadProc;
@@ -270,7 +270,7 @@ void CWinThread::AddThread(unsigned long id, CWinThread* p) {
         return;
     }
     const windows::NoCancellation noCancellation;
-    const CSingleLock lock(&m_mapMutex);
+    const windows::MutexScope lock(m_mapMutex);
     m_threads.emplace(static_cast<int>(id), p);
     CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace,
                            "CWinThread::AddThread : id = %x, map size = %zd", static_cast<unsigned int>(id),
@@ -281,7 +281,7 @@ void CWinThread::RemoveThread(unsigned long id) {
     if (id == 0)
         return;
     const windows::NoCancellation noCancellation;
-    const CSingleLock lock(&m_mapMutex);
+    const windows::MutexScope lock(m_mapMutex);
     if (m_threads.erase(static_cast<int>(id)) != 0)
         CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace,
                                "CWinThread::RemoveThread : Thread = 0x%x removed from map.",
@@ -293,7 +293,7 @@ void CWinThread::RemoveThread(unsigned long id) {
 }
 
 CWinThread* CWinThread::MapIdToWinThread(unsigned long id) {
-    const CSingleLock lock(&m_mapMutex);
+    const windows::MutexScope lock(m_mapMutex);
     const auto entry = m_threads.find(static_cast<int>(id));
     return entry == m_threads.end() ? nullptr : entry->second;
 }
@@ -312,7 +312,7 @@ int CWinThread::PostMessage(unsigned int message, unsigned long wParam, void* lP
     record.time = GetTickCount();
     {
         const windows::NoCancellation noCancellation;
-        const CSingleLock writing(&m_writeMutex);
+        const windows::MutexScope writing(m_writeMutex);
         const ssize_t written = write(writeDesc, &record, sizeof record);
         if (written == -1 && errno == EAGAIN)
             Park(writeDesc, record);
@@ -326,7 +326,7 @@ int CWinThread::PostMessage(unsigned int message, unsigned long wParam, void* lP
 
 // Puts a message that did not fit into the pipe on the overflow list.
 void CWinThread::Park(int writeDesc, const MSG& record) {
-    const CSingleLock lock(&m_overflowMutex);
+    const windows::MutexScope lock(m_overflowMutex);
     // The reader may have emptied the pipe, and found the list empty, since the write failed. It would not
     // come back for a message parked now, so that one is offered to the pipe once more.
     if (!m_pOverflowHead && write(writeDesc, &record, sizeof record) == static_cast<ssize_t>(sizeof record))
@@ -432,7 +432,7 @@ int CWinThread::PeekMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*
 }
 
 bool CWinThread::CountWaitingBytes(int& count) {
-    const CSingleLock reading(&m_readMutex);
+    const windows::MutexScope reading(m_readMutex);
     return ioctl(m_readDesc, FIONREAD, &count) != -1;
 }
 
@@ -461,7 +461,7 @@ long CWinThread::ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use) {
 // Moves parked messages to the pipe until it is full. One that cannot be written for any other reason, a
 // queue that is locked out above all, is dropped.
 void CWinThread::DrainOverflow() {
-    const CSingleLock lock(&m_overflowMutex);
+    const windows::MutexScope lock(m_overflowMutex);
     while (m_pOverflowHead) {
         if (write(windows::RelaxedLoad(m_writeDesc), &m_pOverflowHead->record, sizeof(MSG)) == -1 &&
             errno == EAGAIN)

@@ -9,9 +9,8 @@
 
 #include <host/Logger.h>
 
-#include <Windows/Mutex.h>
-#include <Windows/SingleLock.h>
 #include <Windows/internal/Cancellation.h>
+#include <Windows/internal/MutexScope.h>
 #include <Windows/stdafx.h>
 
 long g_lBSTRID = 1;
@@ -76,7 +75,7 @@ BSTR NewBlock(size_t length) {
 unsigned int LengthOf(BSTR bstr, const char* complaint) {
     if (!bstr)
         return 0;
-    const CSingleLock lock(&mutBstr);
+    const windows::MutexScope lock(mutBstr);
     if (HasSignature(bstr))
         return StoredLength(bstr);
     PostBSTRLogEventF(1, complaint);
@@ -86,7 +85,7 @@ unsigned int LengthOf(BSTR bstr, const char* complaint) {
 } // namespace
 
 BSTR SysAllocString(const char* text) {
-    const CSingleLock lock(&mutBstr);
+    const windows::MutexScope lock(mutBstr);
     if (!text)
         return nullptr;
     const size_t length = strlen(text);
@@ -99,7 +98,7 @@ BSTR SysAllocString(const char* text) {
 BSTR SysAllocString(const std::string& text) { return SysAllocString(text.c_str()); }
 
 BSTR SysAllocStringLen(const char* text, unsigned long length) {
-    const CSingleLock lock(&mutBstr);
+    const windows::MutexScope lock(mutBstr);
     BSTR bstr = NewBlock(length);
     if (!bstr)
         return nullptr;
@@ -111,7 +110,7 @@ BSTR SysAllocStringLen(const char* text, unsigned long length) {
 }
 
 void SysFreeString(BSTR& bstr) {
-    const CSingleLock lock(&mutBstr);
+    const windows::MutexScope lock(mutBstr);
     if (!bstr)
         return;
     if (!HasSignature(bstr)) {
@@ -134,7 +133,7 @@ unsigned int SysStringByteLen(BSTR bstr) {
 bool IsBSTR(char* p, bool nullIsInvalid) {
     if (!p)
         return !nullIsInvalid;
-    const CSingleLock lock(&mutBstr);
+    const windows::MutexScope lock(mutBstr);
     return HasSignature(p);
 }
 
