@@ -396,17 +396,18 @@ inline XString& XString::operator=(const XString& source) { // NOLINT(bugprone-u
 
 inline XString& XString::operator+=(char ch) {
     // No detach: every string that shares the header sees the character.
-    const unsigned int length = m_pStrData->m_uiLength;
-    if (length + 2 > m_pStrData->m_uiBuffSize)
-        m_pStrData->Reallocate(length + 2, true);
-    char* text = m_pStrData->LockBuffer();
+    XStringData* data = m_pStrData;
+    const unsigned int length = data->m_uiLength;
+    if (length + 2 > data->m_uiBuffSize)
+        data->Reallocate(length + 2, true);
+    const unsigned int size = data->m_uiBuffSize;
+    char* text = data->m_bLocked ? data->LockBuffer() : data->m_pszData; // locked: faults at the first write
     text[length] = ch;
     text[length + 1] = '\0';
-    if (length + 1 < m_pStrData->m_uiBuffSize)
-        m_pStrData->m_uiLength = length + 1;
+    if (length + 1 < size)
+        data->m_uiLength = length + 1;
     else
-        m_pStrData->SetLength(length + 1); // aborts: a granule below 1. GCOVR_EXCL_LINE
-    m_pStrData->UnlockBuffer();
+        data->SetLength(length + 1); // aborts: a granule below 1. GCOVR_EXCL_LINE
     return *this;
 }
 
