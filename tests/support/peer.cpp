@@ -282,3 +282,9 @@ bool Gate::Wait(const Deadline& deadline) {
     Monitor::Lock lock(m_monitor);
     return m_monitor.Wait(lock, deadline, [this] { return m_open; });
 }
+
+bool Gate::Wait() {
+    const bool open = Wait(Deadline::Long());
+    EXPECT_TRUE(open) << "a gate that was waited for did not open";
+    return open;
+}

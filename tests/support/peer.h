@@ -147,8 +147,9 @@ public:
     void Close();
     bool IsOpen();
 
-    // Whether it is open before the deadline.
-    bool Wait(const Deadline& deadline = Deadline::Long());
+    // Whether it is open before the deadline. Without one the test fails if it is not.
+    bool Wait(const Deadline& deadline);
+    bool Wait();
 
 private:
     Monitor m_monitor;
