@@ -2,18 +2,29 @@
 //
 // A benchmark is an operation, written once as a template over its columns: Library, Floor and the peers that
 // the build found. The floor is written by hand: it makes the calls of the C library, the kernel and the host
-// that the library has to make for the same effect, in the same order, and nothing else. Each benchmark
-// checks its results, so that all columns do the same work.
+// that the library has to make for the same effect, in the same order, and nothing else. What the library
+// exports is called there as well (FLOOR_CALL): inlined into a loop, pthread_self would be called once and
+// not each time. Each benchmark checks its results, so that all columns do the same work.
 #ifndef BENCH_BENCH_H
 #define BENCH_BENCH_H
 
+#include <stdlib.h>
+
 #include <benchmark/benchmark.h>
+
+#define FLOOR_CALL __attribute__((noinline))
 
 // Ends a benchmark whose result is not the expected one.
 inline bool Agrees(benchmark::State& state, bool holds) {
     if (!holds)
         state.SkipWithError("wrong result");
     return holds;
+}
+
+// So many turns of the loop, where somebody counts instructions and says how many.
+inline void Turns(benchmark::internal::Benchmark* benchmark) {
+    if (const char* turns = getenv("WINDOWS_BENCH_TURNS"))
+        benchmark->Iterations(atoi(turns));
 }
 
 // What only builds with a peer: BENCH_IF_QT(BENCHMARK_TEMPLATE(Operation, QtCore);)

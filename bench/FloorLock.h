@@ -6,14 +6,16 @@
 
 #include <host/Logger.h>
 
-inline void FloorLock(pthread_mutex_t& mutex) {
+#include "Bench.h"
+
+FLOOR_CALL inline void FloorLock(pthread_mutex_t& mutex) {
     const unsigned long tid = pthread_self();
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry, "lock %lu %lx", 0xFFFFFFFFUL, tid);
     const bool locked = pthread_mutex_lock(&mutex) == 0;
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "locked %s %lx", locked ? "true" : "false", tid);
 }
 
-inline void FloorUnlock(pthread_mutex_t& mutex) {
+FLOOR_CALL inline void FloorUnlock(pthread_mutex_t& mutex) {
     const unsigned long tid = pthread_self();
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry, "unlock %lx", tid);
     pthread_mutex_unlock(&mutex);

@@ -157,8 +157,8 @@ template <typename Column> void List(benchmark::State& state) {
 } // namespace
 
 #define COLUMNS(operation)                                                                                   \
-    BENCHMARK_TEMPLATE(operation, Library);                                                                  \
-    BENCHMARK_TEMPLATE(operation, Floor);                                                                    \
+    BENCHMARK_TEMPLATE(operation, Library)->Apply(Turns);                                                    \
+    BENCHMARK_TEMPLATE(operation, Floor)->Apply(Turns);                                                      \
     BENCHMARK_TEMPLATE(operation, Std);                                                                      \
     BENCH_IF_QT(BENCHMARK_TEMPLATE(operation, QtCore);)                                                      \
     BENCH_IF_GLIB(BENCHMARK_TEMPLATE(operation, Glib);)

@@ -374,8 +374,8 @@ template <typename Column> void OneWay(benchmark::State& state) {
 
 #define SIZES ->Arg(16)->Arg(1024)->Arg(32768)->Arg(1048576)->MeasureProcessCPUTime()->UseRealTime()
 #define COLUMNS(operation)                                                                                   \
-    BENCHMARK_TEMPLATE(operation, Library) SIZES;                                                            \
-    BENCHMARK_TEMPLATE(operation, Floor) SIZES;                                                              \
+    BENCHMARK_TEMPLATE(operation, Library)->Apply(Turns) SIZES;                                              \
+    BENCHMARK_TEMPLATE(operation, Floor)->Apply(Turns) SIZES;                                                \
     BENCH_IF_ASIO(BENCHMARK_TEMPLATE(operation, AsioSync) SIZES;)                                            \
     BENCH_IF_ASIO(BENCHMARK_TEMPLATE(operation, AsioAsync) SIZES;)                                           \
     BENCH_IF_ZEROMQ(BENCHMARK_TEMPLATE(operation, ZeroMq) SIZES;)

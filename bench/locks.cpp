@@ -54,7 +54,7 @@ struct Floor {
         };
         Mutex mutex;
         Record record{1, &mutex};
-        bool Wait() {
+        FLOOR_CALL bool Wait() {
             Record* handle = &record;
             benchmark::DoNotOptimize(handle);
             if (handle->type != 1 || !handle->object)
@@ -62,7 +62,7 @@ struct Floor {
             static_cast<Mutex*>(handle->object)->Lock();
             return true;
         }
-        void Release() {
+        FLOOR_CALL void Release() {
             Record* handle = &record;
             benchmark::DoNotOptimize(handle);
             if (handle->object)
@@ -73,7 +73,7 @@ struct Floor {
         pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
         pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
         bool set = false;
-        void Set() {
+        FLOOR_CALL void Set() {
             pthread_mutex_lock(&mutex);
             if (!set) {
                 set = true;
@@ -81,13 +81,13 @@ struct Floor {
             }
             pthread_mutex_unlock(&mutex);
         }
-        void Wait() {
+        FLOOR_CALL void Wait() {
             pthread_mutex_lock(&mutex);
             while (!set)
                 pthread_cond_wait(&cond, &mutex);
             pthread_mutex_unlock(&mutex);
         }
-        void Reset() {
+        FLOOR_CALL void Reset() {
             pthread_mutex_lock(&mutex);
             set = false;
             pthread_mutex_unlock(&mutex);
@@ -241,13 +241,13 @@ template <typename Column> void EventPingPong(benchmark::State& state) {
 } // namespace
 
 #define COLUMNS(operation, ...)                                                                              \
-    BENCHMARK_TEMPLATE(operation, Library) __VA_ARGS__;                                                      \
-    BENCHMARK_TEMPLATE(operation, Floor) __VA_ARGS__;                                                        \
+    BENCHMARK_TEMPLATE(operation, Library)->Apply(Turns) __VA_ARGS__;                                        \
+    BENCHMARK_TEMPLATE(operation, Floor)->Apply(Turns) __VA_ARGS__;                                          \
     BENCHMARK_TEMPLATE(operation, Std) __VA_ARGS__;                                                          \
     BENCH_IF_QT(BENCHMARK_TEMPLATE(operation, QtCore) __VA_ARGS__;)                                          \
     BENCH_IF_GLIB(BENCHMARK_TEMPLATE(operation, Glib) __VA_ARGS__;)
 COLUMNS(LockAndUnlock)
-BENCHMARK_TEMPLATE(WaitAndRelease, Library);
-BENCHMARK_TEMPLATE(WaitAndRelease, Floor);
+BENCHMARK_TEMPLATE(WaitAndRelease, Library)->Apply(Turns);
+BENCHMARK_TEMPLATE(WaitAndRelease, Floor)->Apply(Turns);
 COLUMNS(SetWaitReset)
 COLUMNS(EventPingPong, ->MeasureProcessCPUTime()->UseRealTime())

@@ -76,7 +76,7 @@ struct Floor {
         memcpy(block + length, from, count);
         length += count;
     }
-    void Line(int i) {
+    FLOOR_CALL void Line(int i) {
         char text[16384];
         const int count =
             snprintf(text, sizeof text, "line %d of %s has the value %.2f\n", i, "a table", i / 4.0);
@@ -210,8 +210,8 @@ template <typename Column> void EscapeForXml(benchmark::State& state) {
 } // namespace
 
 #define COLUMNS(operation, ...)                                                                              \
-    BENCHMARK_TEMPLATE(operation, Library) __VA_ARGS__;                                                      \
-    BENCHMARK_TEMPLATE(operation, Floor) __VA_ARGS__;                                                        \
+    BENCHMARK_TEMPLATE(operation, Library)->Apply(Turns) __VA_ARGS__;                                        \
+    BENCHMARK_TEMPLATE(operation, Floor)->Apply(Turns) __VA_ARGS__;                                          \
     BENCHMARK_TEMPLATE(operation, Std) __VA_ARGS__;                                                          \
     BENCH_IF_QT(BENCHMARK_TEMPLATE(operation, QtCore) __VA_ARGS__;)                                          \
     BENCH_IF_GLIB(BENCHMARK_TEMPLATE(operation, Glib) __VA_ARGS__;)

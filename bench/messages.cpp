@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -81,11 +82,11 @@ struct Floor {
             if (pipe(ends) == 0)
                 fcntl(ends[1], F_SETFL, fcntl(ends[1], F_GETFL) | O_NONBLOCK);
         }
-        ~Queue() {
+        void Close() {
             close(ends[0]);
             close(ends[1]);
         }
-        void Post(unsigned int number) {
+        FLOOR_CALL void Post(unsigned int number) {
             const Record record = {number, 0, nullptr, static_cast<unsigned int>(GetTickCount())};
             FloorLock(writeLock);
             if (write(ends[1], &record, sizeof record) == -1) {
@@ -95,7 +96,7 @@ struct Floor {
             }
             FloorUnlock(writeLock);
         }
-        unsigned int Get() {
+        FLOOR_CALL unsigned int Get() {
             Record record;
             FloorLock(readLock);
             if (read(ends[0], &record, sizeof record) != sizeof record)
@@ -111,10 +112,35 @@ struct Floor {
         }
     };
 
+    // What is set when a thread has ended, in a record of its own, as others wait for it by handle.
+    struct End {
+        pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+        pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+        bool isSet = false;
+
+        void Set() {
+            pthread_mutex_lock(&lock);
+            isSet = true;
+            pthread_cond_broadcast(&condition);
+            pthread_mutex_unlock(&lock);
+        }
+        void Wait() {
+            pthread_mutex_lock(&lock);
+            while (!isSet)
+                pthread_cond_wait(&condition, &lock);
+            pthread_mutex_unlock(&lock);
+        }
+    };
+    struct Handle {
+        unsigned int type;
+        std::unique_ptr<End> end;
+    };
+
     class Thread {
     public:
         using Body = std::function<void(Thread&)>;
-        explicit Thread(Body body) : m_body(std::move(body)) {
+        explicit Thread(Body body)
+            : m_body(std::move(body)), m_handle(new Handle{3, std::make_unique<End>()}) {
             FloorLock(m_start); // created suspended
             pthread_attr_t attributes;
             pthread_attr_init(&attributes);
@@ -122,16 +148,27 @@ struct Floor {
             pthread_attr_setstacksize(&attributes, 0x40000);
             pthread_create(&m_thread, &attributes, Run, this);
             pthread_attr_destroy(&attributes);
+            FloorLock(s_registryLock);
+            s_registry.emplace(static_cast<int>(m_thread), this);
+            CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "added %x, %zd",
+                                   static_cast<unsigned int>(m_thread), s_registry.size());
+            FloorUnlock(s_registryLock);
             FloorUnlock(m_start);
         }
         void Post(unsigned int number) { m_queue.Post(number); }
         unsigned int Get() { return m_queue.Get(); }
         ~Thread() {
-            pthread_mutex_lock(&m_lock);
-            while (!m_ended)
-                pthread_cond_wait(&m_cond, &m_lock);
-            pthread_mutex_unlock(&m_lock);
+            m_handle->end->Wait();
+            CLogger::PostLogEvent(LogTypeGeneral, LogSeverityTrace, "destroyed", nullptr);
+            m_queue.Close();
+            FloorLock(s_registryLock);
+            s_registry.erase(static_cast<int>(m_thread));
+            CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "removed %x",
+                                   static_cast<unsigned int>(m_thread));
+            FloorUnlock(s_registryLock);
             pthread_detach(m_thread);
+            CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "completed %x",
+                                   static_cast<unsigned int>(m_thread));
         }
 
     private:
@@ -140,21 +177,23 @@ struct Floor {
             FloorLock(self->m_start);
             FloorUnlock(self->m_start);
             self->m_body(*self);
-            pthread_mutex_lock(&self->m_lock);
-            self->m_ended = true;
-            pthread_cond_broadcast(&self->m_cond);
-            pthread_mutex_unlock(&self->m_lock);
-            return nullptr;
+            CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "exiting %x",
+                                   static_cast<unsigned int>(self->m_thread));
+            self->m_handle->end->Set();
+            pthread_exit(nullptr);
         }
         Body m_body;
+        std::unique_ptr<Handle> m_handle;
         Queue m_queue;
         pthread_mutex_t m_start = PTHREAD_MUTEX_INITIALIZER;
-        pthread_mutex_t m_lock = PTHREAD_MUTEX_INITIALIZER;
-        pthread_cond_t m_cond = PTHREAD_COND_INITIALIZER;
-        bool m_ended = false;
         pthread_t m_thread;
     };
+
+    static pthread_mutex_t s_registryLock;
+    static std::map<int, Thread*> s_registry;
 };
+pthread_mutex_t Floor::s_registryLock = PTHREAD_MUTEX_INITIALIZER;
+std::map<int, Floor::Thread*> Floor::s_registry;
 
 struct Std {
     class Thread {
@@ -320,8 +359,8 @@ template <typename Column> void PingPong(benchmark::State& state) {
 } // namespace
 
 #define COLUMNS(operation, ...)                                                                              \
-    BENCHMARK_TEMPLATE(operation, Library) __VA_ARGS__;                                                      \
-    BENCHMARK_TEMPLATE(operation, Floor) __VA_ARGS__;                                                        \
+    BENCHMARK_TEMPLATE(operation, Library)->Apply(Turns) __VA_ARGS__;                                        \
+    BENCHMARK_TEMPLATE(operation, Floor)->Apply(Turns) __VA_ARGS__;                                          \
     BENCHMARK_TEMPLATE(operation, Std) __VA_ARGS__;                                                          \
     BENCH_IF_QT(BENCHMARK_TEMPLATE(operation, QtCore) __VA_ARGS__;)                                          \
     BENCH_IF_GLIB(BENCHMARK_TEMPLATE(operation, Glib) __VA_ARGS__;)

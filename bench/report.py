@@ -30,6 +30,11 @@ BARS = {
     "RoundTrip": 1.05, "OneWay": 1.05, "Request": 1.05,
 }
 PEERS = ("Std", "QtCore", "Glib", "AsioSync", "AsioAsync", "ZeroMq")
+# The operations whose instructions are counted: those on one thread, which may be one that they make. The large
+# ones do much in one turn.
+COUNTED = ("Copy", "Build", "Join", "Format", "FindText", "FindCharacter", "Replace", "MakeAndFreeBstr",
+           "IntegerToTextAndBack", "FilteredEvent", "LockAndUnlock", "WaitAndRelease", "SetWaitReset", "PostAndGet")
+COUNTED_LARGE = "AppendThousand", "ThousandLines", "EscapeForXml", "Array", "List"
 GROWTH = 1.02  # of the instructions of an operation
 LIMIT = 900  # seconds for one run of the program
 
@@ -54,6 +59,9 @@ class Program:
         for name in names.stdout.split():
             benchmark = parse(name)
             self.rows.setdefault(benchmark.row, []).append(benchmark)
+
+    def ordered_rows(self):
+        return sorted(self.rows, key=lambda row: list(BARS).index(row if row in BARS else row.split("/")[0]))
 
     def complaints(self):
         """What does not fit together: rows without a bar, bars without a row, rows that cannot be compared."""
@@ -107,14 +115,14 @@ class Figures:
         self.ratio = one["Library"] / one["Floor"]
         self.holds = round(self.ratio, 2) <= bar(row)
 
-    def peers(self):
-        return {peer: self.one[peer] / self.one["Library"] for peer in PEERS if peer in self.one}
-
     def cells(self):
         two = "%s, %.2f" % (duration(self.two["Library"]), self.two["Library"] / self.two["Floor"]) if self.two else ""
-        peers = ", ".join("%s %s" % (peer, three_digits(ratio)) for peer, ratio in self.peers().items())
         return ["`%s`" % self.row, duration(self.one["Library"]), "%.2f" % self.ratio, "%.2f" % bar(self.row),
-                "yes" if self.holds else "**no**", two, peers]
+                "yes" if self.holds else "**no**", two, peers(self.one), peers(self.two or {})]
+
+
+def peers(medians):
+    return ", ".join("%s %s" % (peer, three_digits(medians[peer] / medians["Library"])) for peer in PEERS if peer in medians)
 
 
 def three_digits(number):
@@ -134,24 +142,24 @@ def measure(program, rows, rounds):
         has_threads = any(benchmark.has_threads for benchmark in program.rows[row])
         two = program.medians(row, rounds, available[:2]) if has_threads and len(available) > 1 else None
         all_figures.append(Figures(row, one, two))
-        print("%-22s %10s  %5s (bar %s, holds: %s)  two processors: %s  %s" %
+        print("%-22s %10s  %5s (bar %s, holds: %s)  two processors: %s  others: %s; %s" %
               tuple(cell.strip("`*") or "-" for cell in all_figures[-1].cells()), flush=True)
     return all_figures
 
 
 def table(all_figures, origin):
-    lines = ["| Operation | Library | Ratio to the floor | Bar | Holds | On two processors | Others, ratio to the library |",
-             "|---|---|---|---|---|---|---|"]
+    lines = ["| Operation | Library | Ratio to the floor | Bar | Holds | On two processors | Others, ratio to the library | "
+             "Others, on two |", "|---|---|---|---|---|---|---|---|"]
     lines += ["| %s |" % " | ".join(figures.cells()) for figures in all_figures]
     return lines + ["", "Measured with %s." % origin]
 
 
-def replace_between_markers(page, lines):
-    begin, end = "<!-- bench:begin -->", "<!-- bench:end -->"
-    text = page.read_text(encoding="utf-8")
+def replace_between_markers(name, lines):
+    begin, end = "<!-- %s:begin -->" % name, "<!-- %s:end -->" % name
+    text = PAGE.read_text(encoding="utf-8")
     if text.count(begin) != 1 or text.count(end) != 1:
-        sys.exit("bench: %s has no place for the table" % page)
-    page.write_text(text.split(begin)[0] + begin + "\n\n" + "\n".join(lines) + "\n\n" + end + text.split(end)[1],
+        sys.exit("bench: %s has no place for the table" % PAGE)
+    PAGE.write_text(text.split(begin)[0] + begin + "\n\n" + "\n".join(lines) + "\n\n" + end + text.split(end)[1],
                     encoding="utf-8")
 
 
@@ -168,14 +176,14 @@ def draw(all_figures, picture):
 
 
 def time(program, wanted, rounds, origin):
-    rows = sorted(program.rows, key=lambda row: list(BARS).index(row if row in BARS else row.split("/")[0]))
+    rows = program.ordered_rows()
     for name in wanted:
         if not any(row == name or row.startswith(name + "/") for row in rows):
             sys.exit("bench: there is no row %s; there are: %s" % (name, " ".join(rows)))
     chosen = [row for row in rows if not wanted or any(row == name or row.startswith(name + "/") for name in wanted)]
     all_figures = measure(program, chosen, rounds)
     if not wanted:
-        replace_between_markers(PAGE, table(all_figures, origin))
+        replace_between_markers("bench", table(all_figures, origin))
         draw(all_figures, PICTURE)
     above = [figures.row for figures in all_figures if not figures.holds]
     if above:
@@ -198,44 +206,88 @@ def toolchain(build):
                               " ".join(platform.libc_ver()), platform.machine())
 
 
-def instructions(program, name, count):
+def instructions_of(dump):
+    """Those of the code that is compared, and those of all that it calls: the C library and the host."""
+    own = others = 0
+    is_own = is_host = is_call = False
+    for line in dump.read_text(encoding="utf-8").splitlines():
+        key, _, value = line.partition("=")
+        if key == "ob":
+            is_own = value.endswith(("/libWindows.so.0", "/windows_bench"))
+        elif key == "fn":
+            is_host = value.startswith("CLogger::")
+        elif key == "calls":
+            is_call = True  # the next line has what it costs in all, which is counted where it arises
+        elif re.match(r"[+*\-\d]", line):
+            count = 0 if is_call else int(line.split()[1])
+            is_call = False
+            if is_own and not is_host:
+                own += count
+            else:
+                others += count
+    return own, others
+
+
+def count_turns(program, operations, turns):
+    """Of each row and column of these operations: what so many turns take."""
     # The C library's functions for processors of any kind, so that the machine makes no difference.
     plain = "glibc.cpu.hwcaps=" + ",".join("-" + feature for feature in ("AVX2", "AVX2_Usable", "AVX512F", "ERMS",
                                                                         "FSRM", "BMI2", "LZCNT"))
-    command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", program, name, str(count)]
-    output = subprocess.run(command, check=True, stderr=subprocess.PIPE, text=True, timeout=LIMIT,
-                            env=dict(os.environ, GLIBC_TUNABLES=plain)).stderr
-    return int(re.search(r"Collected : (\d+)", output).group(1))
+    with tempfile.TemporaryDirectory() as folder:
+        # A dump holds what ran since the one before: each second one is a loop from its beginning to its end.
+        command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=%s/dump" % folder, "--compress-strings=no",
+                   "--dump-before=benchmark::State::StartKeepRunning()",
+                   "--dump-before=benchmark::State::FinishKeepRunning()",
+                   program.path, "--benchmark_filter=^(%s)<(Library|Floor)>" % "|".join(operations)]
+        output = subprocess.run(command, check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                timeout=LIMIT, env=dict(os.environ, GLIBC_TUNABLES=plain, WINDOWS_BENCH_TURNS=str(turns)))
+        ran = [parse(name.replace("/iterations:%d" % turns, ""))
+               for name in re.findall(r"^\w+<\S+", output.stdout, re.MULTILINE)]
+        if len(list(pathlib.Path(folder).iterdir())) != 2 * len(ran) + 1:
+            sys.exit("bench: callgrind did not see the loop of each of %s once" % ", ".join(operations))
+        return {(benchmark.row, benchmark.column): instructions_of(pathlib.Path(folder, "dump.%d" % (2 * i + 2)))
+                for i, benchmark in enumerate(ran)}
 
 
-def count_instructions(build):
-    """For each operation: the difference between 3,000 and 1,000 times leaves out how the program starts."""
-    program = os.path.join(build, "bench/operations")
-    names = subprocess.run([program], check=True, stdout=subprocess.PIPE, text=True).stdout.split()
-    return {name: (instructions(program, name, 3000) - instructions(program, name, 1000)) / 2000 for name in names}
+def count_instructions(program):
+    """{row: (of the library, of the floor, of these outside of it)} for one turn: the difference between few turns
+    and many leaves out what only the first ones do."""
+    counts = {}
+    for operations, few, many in (COUNTED, 1000, 3000), (COUNTED_LARGE, 10, 30):
+        before, after = count_turns(program, operations, few), count_turns(program, operations, many)
+        for row, column in after:
+            own, others = ((b - a) / (many - few) for a, b in zip(before[row, column], after[row, column]))
+            counts.setdefault(row, {})[column] = own, others
+    return {row: (sum(counts[row]["Library"]), sum(counts[row]["Floor"]), counts[row]["Floor"][1])
+            for row in program.ordered_rows() if row in counts}
 
 
-def judge_instructions(build):
+def judge_instructions(program, origin):
     written, *lines = INSTRUCTIONS.read_text(encoding="utf-8").splitlines()
-    before = {name: float(count) for name, count in map(str.split, lines)}
-    counts = count_instructions(build)
+    before = {row: float(count) for row, count, *_ in map(str.split, lines)}
     grown = []
-    for name, count in counts.items():
-        growth = count / before[name] if name in before else float("inf")
-        print("%-22s %8.1f instructions, %+.1f %%" % (name, count, 100 * (growth - 1)))
+    for row, (count, *_) in count_instructions(program).items():
+        growth = count / before[row] if row in before else float("inf")
+        print("%-22s %10.1f instructions, %+.1f %%" % (row, count, 100 * (growth - 1)))
         if growth > GROWTH:
-            grown.append(name)
-    if written != "# " + toolchain(build):
+            grown.append(row)
+    if written != "# " + origin:
         print("bench: %s were counted with %s, which is not the toolchain here: nothing is judged" %
               (INSTRUCTIONS.name, written[2:]), file=sys.stderr)
     elif grown:
         sys.exit("bench: more instructions than before: %s (--instructions --update accepts them)" % ", ".join(grown))
 
 
-def update_instructions(build):
-    lines = ["# " + toolchain(build)] + ["%s %.1f" % item for item in count_instructions(build).items()]
+def update_instructions(program, origin):
+    counts = count_instructions(program)
+    lines = ["# " + origin] + ["%s %.1f %.1f %.1f" % (row, *numbers) for row, numbers in counts.items()]
     INSTRUCTIONS.write_text("\n".join(lines) + "\n", encoding="utf-8")
     print("\n".join(lines))
+    page = ["| Operation | Library | Floor | Ratio | Bar | Floor, in what it calls | Of all |", "|---|---|---|---|---|---|---|"]
+    page += ["| `%s` | %.0f | %.0f | %.2f | %.2f | %.0f | %.2f |" %
+             (row, library, floor, library / floor, bar(row), called, called / floor)
+             for row, (library, floor, called) in counts.items()]
+    replace_between_markers("instructions", page + ["", "Counted with %s." % origin])
 
 
 def main():
@@ -249,17 +301,19 @@ def main():
     arguments = parser.parse_args()
     if arguments.update and not arguments.instructions:
         parser.error("--update belongs to --instructions")
-    if arguments.instructions:
-        (update_instructions if arguments.update else judge_instructions)(arguments.build)
-        return
     program = Program(arguments.build)
     complaints = list(program.complaints())
     if complaints:
         sys.exit("bench: " + "; ".join(complaints))
+    origin = toolchain(arguments.build)
     if arguments.quick:
         try_each(program)
+    elif arguments.update:
+        update_instructions(program, origin)
+    elif arguments.instructions:
+        judge_instructions(program, origin)
     else:
-        time(program, arguments.rows, arguments.rounds, toolchain(arguments.build))
+        time(program, arguments.rows, arguments.rounds, origin)
 
 
 if __name__ == "__main__":

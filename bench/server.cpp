@@ -286,6 +286,6 @@ template <typename Column> void Request(benchmark::State& state) {
 } // namespace
 
 #define IDLE ->Arg(0)->Arg(1000)->MeasureProcessCPUTime()->UseRealTime()
-BENCHMARK_TEMPLATE(Request, Library) IDLE;
-BENCHMARK_TEMPLATE(Request, Floor) IDLE;
+BENCHMARK_TEMPLATE(Request, Library)->Apply(Turns) IDLE;
+BENCHMARK_TEMPLATE(Request, Floor)->Apply(Turns) IDLE;
 BENCH_IF_ASIO(BENCHMARK_TEMPLATE(Request, AsioAsync) IDLE;)

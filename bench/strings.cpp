@@ -54,16 +54,16 @@ class Floor {
 public:
     class Text {
     public:
-        Text(const char* text) : Text(text, strlen(text), "", 0) {}
+        FLOOR_CALL Text(const char* text) : Text(text, strlen(text), "", 0) {}
         Text(const char* a, size_t lengthA, const char* b, size_t lengthB) : m_header(NewHeader()) {
             Fill(a, lengthA, b, lengthB);
             __sync_fetch_and_add(&g_strings, 1);
         }
-        Text(const Text& other) : m_header(other.m_header) {
+        FLOOR_CALL Text(const Text& other) : m_header(other.m_header) {
             __sync_fetch_and_add(&m_header->references, 1);
             __sync_fetch_and_add(&g_strings, 1);
         }
-        ~Text() {
+        FLOOR_CALL ~Text() {
             Release(m_header);
             __sync_fetch_and_add(&g_strings, -1);
         }
@@ -117,12 +117,12 @@ public:
         header->text[header->length] = '\0';
     }
 
-    static Text Join(const Text& a, const Text& b) {
+    FLOOR_CALL static Text Join(const Text& a, const Text& b) {
         return Text(Chars(a), a.m_header->length, Chars(b), b.m_header->length);
     }
 
     // The room is estimated: 32 for the number, whose width is looked for with strtol.
-    static void Format(Text& text, const char* name, int value) {
+    FLOOR_CALL static void Format(Text& text, const char* name, int value) {
         const char* format = "%s=%d";
         size_t room = 1;
         for (const char* p = format; *p != '\0'; ++p) {
@@ -145,16 +145,16 @@ public:
         header->text[header->length] = '\0';
     }
 
-    static int Find(const Text& text, const char* sought) {
+    FLOOR_CALL static int Find(const Text& text, const char* sought) {
         return static_cast<int>(strstr(Chars(text), sought) - Chars(text));
     }
 
-    static int Find(const Text& text, char sought) {
+    FLOOR_CALL static int Find(const Text& text, char sought) {
         return static_cast<int>(strchr(Chars(text), sought) - Chars(text));
     }
 
     // Counts first, as the new buffer fits exactly.
-    static void Replace(Text& text, const char* from, const char* to) {
+    FLOOR_CALL static void Replace(Text& text, const char* from, const char* to) {
         const size_t fromLength = strlen(from);
         const size_t toLength = strlen(to);
         auto* old = text.m_header;
@@ -347,8 +347,8 @@ template <typename Column> void Replace(benchmark::State& state) {
 } // namespace
 
 #define COLUMNS(operation, ...)                                                                              \
-    BENCHMARK_TEMPLATE(operation, Library) __VA_ARGS__;                                                      \
-    BENCHMARK_TEMPLATE(operation, Floor) __VA_ARGS__;                                                        \
+    BENCHMARK_TEMPLATE(operation, Library)->Apply(Turns) __VA_ARGS__;                                        \
+    BENCHMARK_TEMPLATE(operation, Floor)->Apply(Turns) __VA_ARGS__;                                          \
     BENCHMARK_TEMPLATE(operation, Std) __VA_ARGS__;                                                          \
     BENCH_IF_QT(BENCHMARK_TEMPLATE(operation, QtCore) __VA_ARGS__;)                                          \
     BENCH_IF_GLIB(BENCHMARK_TEMPLATE(operation, Glib) __VA_ARGS__;)

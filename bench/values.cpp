@@ -49,7 +49,7 @@ struct Library {
 
 // A block with signature and length in front, made and freed under a recursive lock.
 struct Floor {
-    static char* Make(const char* text) {
+    FLOOR_CALL static char* Make(const char* text) {
         FloorLock(g_lock);
         const size_t length = strlen(text);
         char* block = static_cast<char*>(malloc(8 + length + 1));
@@ -59,7 +59,7 @@ struct Floor {
         FloorUnlock(g_lock);
         return block + 8;
     }
-    static void Free(char* bstr) {
+    FLOOR_CALL static void Free(char* bstr) {
         FloorLock(g_lock);
         uint32_t signature;
         memcpy(&signature, bstr - 8, 4);
@@ -155,12 +155,12 @@ template <typename Column> void FilteredEvent(benchmark::State& state) {
 } // namespace
 
 #define COLUMNS(operation)                                                                                   \
-    BENCHMARK_TEMPLATE(operation, Library);                                                                  \
-    BENCHMARK_TEMPLATE(operation, Floor);                                                                    \
+    BENCHMARK_TEMPLATE(operation, Library)->Apply(Turns);                                                    \
+    BENCHMARK_TEMPLATE(operation, Floor)->Apply(Turns);                                                      \
     BENCHMARK_TEMPLATE(operation, Std);                                                                      \
     BENCH_IF_QT(BENCHMARK_TEMPLATE(operation, QtCore);)                                                      \
     BENCH_IF_GLIB(BENCHMARK_TEMPLATE(operation, Glib);)
 COLUMNS(MakeAndFreeBstr)
 COLUMNS(IntegerToTextAndBack)
-BENCHMARK_TEMPLATE(FilteredEvent, Library);
-BENCHMARK_TEMPLATE(FilteredEvent, Floor);
+BENCHMARK_TEMPLATE(FilteredEvent, Library)->Apply(Turns);
+BENCHMARK_TEMPLATE(FilteredEvent, Floor)->Apply(Turns);
