@@ -51,6 +51,7 @@ struct Row {
     struct Open {
         Slice slice;
         int64_t begin;
+        char name[24];
     };
 
     unsigned trace; // the number of the trace that it is part of
@@ -101,7 +102,9 @@ void WriteName(const Row& row, int64_t now, const char* name) {
 void Begin(Row& row, int64_t now, Slice slice, const char* name) {
     if (row.depth == static_cast<int>(std::size(row.open)))
         return;
-    row.open[row.depth++] = {slice, now};
+    Row::Open& open = row.open[row.depth++];
+    open = {slice, now, {}};
+    snprintf(open.name, sizeof open.name, "%s", name);
     TraceEvent event('B', process, row.thread, now);
     event.Text("cat", kCategories[static_cast<int>(slice)]).Text("name", name);
     file.Write(event);
@@ -116,9 +119,16 @@ bool IsOpen(const Row& row, Slice slice) {
                        [slice](const Row::Open& open) { return open.slice == slice; });
 }
 
-void EndInnermost(Row& row, int64_t time) {
+// The end of the innermost slice, which takes it off the row. Some viewers go by its name.
+TraceEvent EndOfInnermost(Row& row, int64_t time) {
     const Row::Open& open = row.open[--row.depth];
     TraceEvent event('E', process, row.thread, std::max(time, open.begin + 1));
+    event.Text("cat", kCategories[static_cast<int>(open.slice)]).Text("name", open.name);
+    return event;
+}
+
+void EndInnermost(Row& row, int64_t time) {
+    TraceEvent event = EndOfInnermost(row, time);
     file.Write(event);
 }
 
@@ -371,8 +381,7 @@ void ReceivedFrame(const Event& event) {
     ShowAs(event, "frame received", "frame");
     if (!IsInnermost(event.row, Slice::Receive))
         return;
-    --event.row.depth;
-    TraceEvent end('E', process, event.row.thread, event.now + 1);
+    TraceEvent end = EndOfInnermost(event.row, event.now + 1);
     end.Arguments().Number("bytes", event.row.received);
     file.Write(end);
 }

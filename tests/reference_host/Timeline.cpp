@@ -353,7 +353,7 @@ TEST(Timeline, A_frame_is_a_slice_with_its_length) {
     CLogger::PostLogEventFB(LogTypeTraffic, LogSeverityInformation, "CSocket::Receive() on %d: ", "hello", 7);
     Post("a line more");
     EXPECT_EQ(trace.Count({"\"receive frame\"", "\"ph\":\"B\""}), 1U);
-    EXPECT_EQ(trace.Count({"\"ph\":\"E\"", "\"bytes\":5"}), 1U);
+    EXPECT_EQ(trace.Count({"\"ph\":\"E\"", "\"name\":\"receive frame\"", "\"bytes\":5"}), 1U);
     EXPECT_EQ(trace.Count({"\"frame received\"", "\"text\":\"hello\"", "on 7"}), 1U);
 }
 
@@ -407,7 +407,7 @@ TEST(Timeline, Arrows_of_one_threads_posts_in_one_millisecond_are_inferred) {
     }
     EXPECT_EQ(trace.Count({"\"cat\":\"arrow\""}), 0U);
     const Lines starts = trace.Having({"\"ph\":\"s\"", "\"cat\":\"arrow, inferred\""});
-    const Lines posts = trace.Having({"\"post\""});
+    const Lines posts = trace.Having({"\"post\"", "\"ph\":\"B\""});
     ASSERT_EQ(starts.size(), 3U);
     ASSERT_EQ(posts.size(), 3U);
     for (size_t i = 0; i < posts.size(); ++i) // in their order
@@ -425,8 +425,8 @@ TEST(Timeline, There_is_no_arrow_when_several_threads_posted_in_one_millisecond)
         clock.Advance();
         reader.Post(kEnd);
     }
-    EXPECT_EQ(trace.Count({"\"post\""}), 3U);
-    EXPECT_EQ(trace.Count({"\"cat\":\"message\""}), 3U);
+    EXPECT_EQ(trace.Count({"\"name\":\"post\"", "\"ph\":\"B\""}), 3U);
+    EXPECT_EQ(trace.Count({"\"cat\":\"message\"", "\"ph\":\"B\""}), 3U);
     EXPECT_EQ(trace.Count({"\"ph\":\"s\""}), 1U);
     EXPECT_EQ(trace.Count({"\"ph\":\"f\"", "\"cat\":\"arrow\""}), 1U);
 }
@@ -438,7 +438,7 @@ TEST(Timeline, There_is_no_arrow_from_before_the_trace) {
     const Trace trace;
     reader.Post(kEnd); // in the same millisecond
     reader.Run();
-    EXPECT_EQ(trace.Count({"\"message 1\""}), 1U);
+    EXPECT_EQ(trace.Count({"\"message 1\"", "\"ph\":\"B\""}), 1U);
     EXPECT_EQ(trace.Count({"\"cat\":\"arrow"}), 0U);
 }
 

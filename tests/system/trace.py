@@ -73,6 +73,7 @@ class Timeline:
             elif event["ph"] == "E":
                 begin = opened.pop()
                 assert begin["ts"] < event["ts"], (begin, event)
+                assert (begin["name"], begin["cat"]) == (event["name"], event["cat"]), (begin, event)
                 self.slices.append(Slice(*row, begin["name"], begin["cat"], begin["ts"], event["ts"],
                                          event.get("args", {})))
             else:
