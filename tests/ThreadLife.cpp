@@ -414,10 +414,13 @@ TEST(ThreadLife, A_thread_that_ends_after_its_object_is_gone_gets_no_message) {
     });
     thread = &ender;
     ASSERT_TRUE(ending.Wait());
+    const unsigned long id = ender.object->m_nThreadID;
     ender.Destroy();
+    Recorder::Clear();
     gone.Open();
     ASSERT_TRUE(ender.done.Wait());
     EXPECT_EQ(results, 0);
+    EXPECT_TRUE(SameEvents(Recorder::EventsOfThread(id), {})) << "the object was used, or looked for";
 }
 
 TEST(ThreadLife, A_thread_that_ends_and_waits_for_a_message_is_let_go_when_its_object_goes) {
