@@ -424,6 +424,13 @@ TEST(MemFile, Fixed_file_takes_exactly_its_size) {
     EXPECT_EQ(Content(file), "abc");
 }
 
+TEST(MemFile, Fixed_file_takes_nothing_at_its_end_and_is_that_long_then) {
+    CMemFile file(Buffer(3), 3, 0);
+    file.Seek(3, 0);
+    file.Write("", 0);
+    EXPECT_EQ(State(file), "open 1 grow 0 size 3 length 3 position 3");
+}
+
 TEST(MemFile, Fixed_file_after_Detach_stores_nothing) {
     CMemFile file(Buffer(3), 3, 0);
     Write(file, "ab");

@@ -1570,6 +1570,12 @@ TEST(XString, GetBuffer_of_an_empty_string_makes_room) {
     }
 }
 
+TEST(XString, GetBuffer_for_a_character_makes_room_where_the_buffer_is_one_byte) {
+    XString s = WithBuffer("", 1);
+    ASSERT_NE(s.GetBuffer(1), nullptr);
+    EXPECT_EQ(s.m_pStrData->m_uiBuffSize, 16U);
+}
+
 TEST(XString, GetBuffer_without_a_buffer_and_without_a_wish_is_null) {
     XString s;
     EXPECT_EQ(s.GetBuffer(), nullptr);
