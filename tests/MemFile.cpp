@@ -490,6 +490,18 @@ TEST(MemFile, Read_stops_at_the_buffer_where_the_length_is_that) {
     EXPECT_EQ(file.m_uiPosition, 6U);
 }
 
+TEST(MemFile, Read_stops_at_an_attached_buffer_that_is_shorter_than_the_length) {
+    CMemFile file(16U);
+    Write(file, "abcdef");
+    free(file.Detach());
+    unsigned char* buffer = Buffer(4);
+    memcpy(buffer, "wxyz", 4);
+    file.Attach(buffer, 4, 0);
+    file.Seek(2, 0);
+    EXPECT_EQ(Read(file, 10), "yz");
+    EXPECT_EQ(State(file), "open 1 grow 0 size 4 length 6 position 4");
+}
+
 TEST(MemFile, Read_at_the_end_gives_nothing) {
     CMemFile file(16U);
     Write(file, "abc");
