@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <functional>
@@ -785,6 +786,30 @@ TEST(MemFile, WriteStrEntities_leaves_what_lies_behind_the_escaped_text) {
                       std::string(200 - escaped.size(), '~'));
         }
     }
+}
+
+TEST(MemFile, WriteStrEntities_reads_nothing_behind_the_text) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* const pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    char* const end = static_cast<char*>(pages) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    for (size_t length = 2; length <= 40; ++length) {
+        for (size_t special = 1; special < length; ++special) {
+            SCOPED_TRACE(testing::Message() << special << " of " << length);
+            std::string expected = "&lt;" + std::string(length - 1, 'x');
+            expected.replace(special + 3, 1, "&gt;");
+            char* const text = end - length - 1;
+            memset(text, 'x', length);
+            text[0] = '<';
+            text[special] = '>';
+            text[length] = '\0';
+            CMemFile file(1024U);
+            file.WriteStrEntities(text);
+            EXPECT_EQ(Content(file), expected);
+        }
+    }
+    munmap(pages, 2 * page);
 }
 
 TEST(MemFile, WriteStrEntities_grows_once_for_a_short_text_behind_its_first_special_character) {

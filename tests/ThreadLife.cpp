@@ -118,6 +118,36 @@ TEST(ThreadLife, A_destroyer_waits_for_a_thread_that_uses_its_queue) {
     EXPECT_TRUE(destroyer.Join());
 }
 
+TEST(ThreadLife, A_thread_whose_object_is_being_destroyed_waits_to_be_cancelled) {
+    struct Work {
+        Gate begun, proceed, returned;
+        static unsigned int Run(void* p) {
+            auto* work = static_cast<Work*>(p);
+            work->begun.Open();
+            work->proceed.Wait();
+            MSG message;
+            ::PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE);
+            work->returned.Open();
+            return 0;
+        }
+    } work;
+    CWinThread* thread = AfxBeginThread(Work::Run, &work);
+    ASSERT_TRUE(work.begun.Wait());
+    Gate claimed, cancel;
+    Interpose beforeItIsCancelled(Call::Dup);
+    beforeItIsCancelled.Before([&] {
+        claimed.Open();
+        cancel.Wait();
+    });
+    Background destroyer([&] { delete thread; });
+    ASSERT_TRUE(claimed.Wait());
+    work.proceed.Open();
+    EXPECT_FALSE(work.returned.Wait(Deadline::In(std::chrono::milliseconds(50))));
+    cancel.Open();
+    EXPECT_TRUE(destroyer.Join());
+    EXPECT_FALSE(work.returned.IsOpen());
+}
+
 TEST(ThreadLife, A_callback_does_not_keep_a_destroyer_waiting) {
     struct Blocking : CCmdTarget {
         Gate inside;
