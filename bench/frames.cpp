@@ -72,8 +72,13 @@ size_t ReceiveLength(int fd) {
     SetBlocking(fd, false);
     AwaitData(fd);
     uint32_t prefix = 0;
-    const ssize_t count = ReceiveBytes(fd, &prefix, sizeof prefix, 0);
+    auto* bytes = reinterpret_cast<unsigned char*>(&prefix);
+    ssize_t count = ReceiveBytes(fd, bytes, sizeof prefix, 0);
     CLogger::PostLogEventF(LogTypeTraffic, LogSeverityTrace, "returned %d (%d)", static_cast<int>(count), 0);
+    if (count > 0 && count < 4) { // a full window cuts the stream anywhere
+        SetBlocking(fd, true);
+        count += ReceiveBytes(fd, bytes + count, sizeof prefix - static_cast<size_t>(count), MSG_WAITALL);
+    }
     const uint32_t length = count == sizeof prefix ? ntohl(prefix) : 0;
     SetBlocking(fd, true);
     CLogger::PostLogEventF(LogTypeTraffic, LogSeverityTrace, "returning %d", static_cast<int>(length));
