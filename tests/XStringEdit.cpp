@@ -300,7 +300,10 @@ TEST(XStringEdit, Find_of_a_character_is_its_first_index_from_the_start) {
     EXPECT_EQ(s.Find('a', 5), -1) << "the terminator alone is searched";
 }
 
-TEST(XStringEdit, Find_of_a_character_starts_at_0_by_default) { EXPECT_EQ(XString("abcab").Find('b'), 1); }
+TEST(XStringEdit, Find_of_a_character_starts_at_0_by_default) {
+    EXPECT_EQ(XString("abcab").Find('a'), 0);
+    EXPECT_EQ(XString("abcab").Find('b'), 1);
+}
 
 TEST(XStringEdit, Find_of_NUL_is_the_length) {
     const XString s("abc");
@@ -324,7 +327,10 @@ TEST(XStringEdit, Find_of_a_text_is_its_first_index_from_the_start) {
     EXPECT_EQ(s.Find("d", 6), -1);
 }
 
-TEST(XStringEdit, Find_of_a_text_starts_at_0_by_default) { EXPECT_EQ(XString("abcab").Find("b"), 1); }
+TEST(XStringEdit, Find_of_a_text_starts_at_0_by_default) {
+    EXPECT_EQ(XString("abcab").Find("ab"), 0);
+    EXPECT_EQ(XString("abcab").Find("b"), 1);
+}
 
 TEST(XStringEdit, Find_of_an_empty_text_is_the_start) {
     const XString s("abc");
