@@ -442,27 +442,30 @@ TEST(Server, AddHandler_only_posts_an_event) {
 }
 
 TEST(Server, Is_listening_from_its_first_event_to_the_failure_of_its_wait) {
-    RecordingTarget target;
-    std::map<std::string, bool> listening; // at the moment of an event
-    int eventBefore = -1;
-    Recorder::Hook hook([&](const Event& event) {
-        if (event.type == 23 || event.text.compare(0, 13, "CServer::Main") != 0)
-            return;
-        CServer* own = static_cast<CServer*>(CWinThread::MapIdToWinThread(GetCurrentThreadId()));
-        listening[event.text] = own->IsListening();
-        if (ACTIVE.Matches(event))
-            eventBefore = own->WaitUntilListening(0);
-    });
-    ServerPtr server(new CServer(0, target));
-    EXPECT_EQ(server->WaitUntilListening(), 0);
-    EXPECT_EQ(server->WaitUntilListening(), 0) << "the event is reset by hand";
-    EXPECT_TRUE(server->IsListening());
-    ASSERT_TRUE(EndThread(*server));
-    EXPECT_FALSE(server->IsListening());
-    EXPECT_EQ(eventBefore, ETIMEDOUT);
-    EXPECT_FALSE(listening[ACTIVE.text.Shown()]);
-    EXPECT_TRUE(listening[SelectFailed(EBADF).text.Shown()]);
-    EXPECT_FALSE(listening[NOT_LISTENING.text.Shown()]);
+    for (const Form& form : FORMS) {
+        SCOPED_TRACE(form.name);
+        RecordingTarget target;
+        std::map<std::string, bool> listening; // at the moment of an event
+        int eventBefore = -1;
+        Recorder::Hook hook([&](const Event& event) {
+            if (event.type == 23 || event.text.compare(0, 13, "CServer::Main") != 0)
+                return;
+            CServer* own = static_cast<CServer*>(CWinThread::MapIdToWinThread(GetCurrentThreadId()));
+            listening[event.text] = own->IsListening();
+            if (ACTIVE.Matches(event))
+                eventBefore = own->WaitUntilListening(0);
+        });
+        ServerPtr server(form.make(0, target));
+        EXPECT_EQ(server->WaitUntilListening(), 0);
+        EXPECT_EQ(server->WaitUntilListening(), 0) << "the event is reset by hand";
+        EXPECT_TRUE(server->IsListening());
+        ASSERT_TRUE(EndThread(*server));
+        EXPECT_FALSE(server->IsListening());
+        EXPECT_EQ(eventBefore, ETIMEDOUT);
+        EXPECT_FALSE(listening[ACTIVE.text.Shown()]);
+        EXPECT_TRUE(listening[SelectFailed(EBADF).text.Shown()]);
+        EXPECT_FALSE(listening[NOT_LISTENING.text.Shown()]);
+    }
 }
 
 TEST(Server, Sets_its_event_before_it_waits) {
