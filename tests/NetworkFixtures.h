@@ -11,11 +11,13 @@
 #ifndef TESTS_NETWORKFIXTURES_H
 #define TESTS_NETWORKFIXTURES_H
 
+#include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <semaphore.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -371,16 +373,18 @@ private:
 class SelectWatch {
 public:
     SelectWatch() : m_begun(Call::Select) {
-        m_begun.Always().Before([this] { m_task.store(static_cast<int>(syscall(SYS_gettid))); });
+        m_begun.Always().Before([this] {
+            m_task.store(static_cast<int>(syscall(SYS_gettid)));
+            sem_post(&m_selects.sem);
+        });
     }
 
     // The thread that began a select() last sleeps; and that is the end of the watch.
     bool WaitAsleep(const Deadline& deadline = Deadline::Long()) {
-        while (m_task.load() == 0) {
-            if (deadline.Passed())
+        const timespec end = deadline.Monotonic();
+        while (sem_clockwait(&m_selects.sem, CLOCK_MONOTONIC, &end) != 0)
+            if (errno != EINTR)
                 return false;
-            sched_yield();
-        }
         const std::string file = Text("/proc/self/task/%d/status", m_task.load());
         std::string before;
         for (int quiet = 0; quiet < 3;) {
@@ -390,12 +394,17 @@ public:
             before = now;
             if (deadline.Passed())
                 return false;
-            sched_yield();
+            if (quiet == 0) // on a busy machine this takes a while, so only as long as the thread has to run
+                sched_yield();
         }
         return true;
     }
 
-    void Again() { m_task.store(0); }
+    // Forgets the waits that have begun.
+    void Again() {
+        while (sem_trywait(&m_selects.sem) == 0) {
+        }
+    }
 
 private:
     // How often the thread has gone to sleep; "" while it is awake.
@@ -413,7 +422,14 @@ private:
         return state && switches ? std::string(switches + 1, strcspn(switches + 1, "\n")) : "";
     }
 
+    struct Semaphore { // to post one is no call that a CallLog counts
+        Semaphore() { sem_init(&sem, 0, 0); }
+        ~Semaphore() { sem_destroy(&sem); }
+        sem_t sem;
+    };
+
     std::atomic<int> m_task{0};
+    Semaphore m_selects;
     Interpose m_begun;
 };
 

@@ -1028,6 +1028,16 @@ TEST(WinThreadQueue, GetMessage_reports_a_record_of_the_wrong_size) {
     }
 }
 
+TEST(WinThreadQueue, GetMessage_reads_a_single_byte_without_a_wait) {
+    Queue queue;
+    ASSERT_EQ(write(queue.m_writeDesc, "x", 1), 1);
+    Recorder::Clear();
+    MSG msg = Marked();
+    EXPECT_EQ(queue.GetMessage(&msg, 0, 0, 20000, true), 0);
+    EXPECT_TRUE(EventsInOrder(Recorder::Events(), {BYPASSING, WRONG_SIZE}));
+    EXPECT_EQ(queue.Held(), "");
+}
+
 TEST(WinThreadQueue, GetMessage_at_the_end_of_the_pipe_has_the_wrong_size_and_number_0) {
     Queue queue;
     queue.LockoutMsgQueue();
