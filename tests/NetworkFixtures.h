@@ -11,13 +11,11 @@
 #ifndef TESTS_NETWORKFIXTURES_H
 #define TESTS_NETWORKFIXTURES_H
 
-#include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
-#include <semaphore.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -375,16 +373,14 @@ public:
     SelectWatch() : m_begun(Call::Select) {
         m_begun.Always().Before([this] {
             m_task.store(static_cast<int>(syscall(SYS_gettid)));
-            sem_post(&m_selects.sem);
+            m_selecting.Open();
         });
     }
 
     // The thread that began a select() last sleeps; and that is the end of the watch.
     bool WaitAsleep(const Deadline& deadline = Deadline::Long()) {
-        const timespec end = deadline.Monotonic();
-        while (sem_clockwait(&m_selects.sem, CLOCK_MONOTONIC, &end) != 0)
-            if (errno != EINTR)
-                return false;
+        if (!m_selecting.Wait(deadline))
+            return false;
         const std::string file = Text("/proc/self/task/%d/status", m_task.load());
         std::string before;
         for (int quiet = 0; quiet < 3;) {
@@ -400,11 +396,7 @@ public:
         return true;
     }
 
-    // Forgets the waits that have begun.
-    void Again() {
-        while (sem_trywait(&m_selects.sem) == 0) {
-        }
-    }
+    void Again() { m_selecting.Close(); }
 
 private:
     // How often the thread has gone to sleep; "" while it is awake.
@@ -422,14 +414,8 @@ private:
         return state && switches ? std::string(switches + 1, strcspn(switches + 1, "\n")) : "";
     }
 
-    struct Semaphore { // to post one is no call that a CallLog counts
-        Semaphore() { sem_init(&sem, 0, 0); }
-        ~Semaphore() { sem_destroy(&sem); }
-        sem_t sem;
-    };
-
     std::atomic<int> m_task{0};
-    Semaphore m_selects;
+    Gate m_selecting;
     Interpose m_begun;
 };
 
