@@ -21,13 +21,21 @@ const int BUCKET_BITS = 16;
 const int BUCKET_SIZE = 8;
 Slot g_table[1 << BUCKET_BITS][BUCKET_SIZE];
 
+// Which stretches of the table were ever in use: a case uses few, and each has all blocks listed twice.
+const int STRETCH_BITS = 8;
+bool g_isUsed[1 << (BUCKET_BITS - STRETCH_BITS)];
+
+bool& IsUsed(uint32_t bucket) { return g_isUsed[bucket >> STRETCH_BITS]; }
+
 // Where the library's code lies.
 uintptr_t g_begin;
 uintptr_t g_end;
 
-Slot* Bucket(uintptr_t block) {
-    return g_table[static_cast<uint32_t>(block >> 3) * 2654435769U >> (32 - BUCKET_BITS)];
+uint32_t Index(uintptr_t block) {
+    return static_cast<uint32_t>(block >> 3) * 2654435769U >> (32 - BUCKET_BITS);
 }
+
+Slot* Bucket(uintptr_t block) { return g_table[Index(block)]; }
 
 int TakeRange(dl_phdr_info* object, size_t, void*) {
     if (std::string(object->dlpi_name).find("/libWindows.so") == std::string::npos)
@@ -49,6 +57,7 @@ void LibraryBlocks::Born(const void* block, const void* caller) {
     if (!block || from < g_begin || from >= g_end)
         return;
     const uintptr_t address = reinterpret_cast<uintptr_t>(block);
+    __atomic_store_n(&IsUsed(Index(address)), true, __ATOMIC_RELAXED);
     Slot* bucket = Bucket(address);
     for (int i = 0; i < BUCKET_SIZE; i++) {
         uintptr_t none = 0;
@@ -61,9 +70,9 @@ void LibraryBlocks::Born(const void* block, const void* caller) {
 }
 
 void LibraryBlocks::Gone(const void* block) {
-    if (!block || g_end == 0)
-        return;
     const uintptr_t address = reinterpret_cast<uintptr_t>(block);
+    if (!__atomic_load_n(&IsUsed(Index(address)), __ATOMIC_RELAXED))
+        return;
     Slot* bucket = Bucket(address);
     for (int i = 0; i < BUCKET_SIZE; i++)
         if (__atomic_load_n(&bucket[i].block, __ATOMIC_RELAXED) == address) {
@@ -75,10 +84,14 @@ void LibraryBlocks::Gone(const void* block) {
 std::set<uintptr_t> LibraryBlocks::All() {
     Bypass bypass;
     std::set<uintptr_t> blocks;
-    for (Slot(&bucket)[BUCKET_SIZE] : g_table)
-        for (Slot& slot : bucket)
-            if (const uintptr_t block = __atomic_load_n(&slot.block, __ATOMIC_RELAXED))
-                blocks.insert(block);
+    for (uint32_t first = 0; first < 1U << BUCKET_BITS; first += 1U << STRETCH_BITS) {
+        if (!__atomic_load_n(&IsUsed(first), __ATOMIC_RELAXED))
+            continue;
+        for (uint32_t bucket = first; bucket < first + (1U << STRETCH_BITS); bucket++)
+            for (const Slot& slot : g_table[bucket])
+                if (const uintptr_t block = __atomic_load_n(&slot.block, __ATOMIC_RELAXED))
+                    blocks.insert(block);
+    }
     return blocks;
 }
 

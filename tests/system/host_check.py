@@ -72,7 +72,7 @@ class Conformance(unittest.TestCase):
             found = [clause for clause, outcome in results(result.stdout).items() if outcome != "ok"]
             return fault, result.returncode, found, result.stdout
 
-        with concurrent.futures.ThreadPoolExecutor(4) as pool:  # they sleep most of the time
+        with concurrent.futures.ThreadPoolExecutor(16) as pool:  # they sleep most of the time
             for fault, status, found, output in pool.map(failures, names):
                 with self.subTest(fault=fault):
                     self.assertEqual((status, found), (1, [fault]), output)
