@@ -1,10 +1,13 @@
 #include <Windows/MemFile.h>
 
 #include <stdarg.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include <array>
 
 namespace {
 
@@ -35,53 +38,42 @@ constexpr size_t kLongestEntity = 6;
 
 struct Entity {
     char text[kWord];
-    unsigned int length;
+    size_t length;
 };
+
+// By the low five bits of a character, in which those that are special differ. '#' stands for itself.
+constexpr std::array<Entity, 32> kEntities = [] {
+    std::array<Entity, 32> entities{};
+    entities['<' % 32] = {"&lt;", 4};
+    entities['>' % 32] = {"&gt;", 4};
+    entities['&' % 32] = {"&amp;", 5};
+    entities['\'' % 32] = {"&apos;", 6};
+    entities['"' % 32] = {"&quot;", 6};
+    entities['#' % 32] = {"#", 1};
+    return entities;
+}();
+
+const Entity& EntityFor(char c) { return kEntities[static_cast<unsigned char>(c) % 32]; }
 
 constexpr char kSpecial[] = "<>&'\"";
 
-const Entity& EntityFor(char c) {
-    static constexpr Entity kEntities[] = {
-        {"&lt;", 4}, {"&gt;", 4}, {"&amp;", 5}, {"&apos;", 6}, {"&quot;", 6}};
-    switch (c) {
-    case '<':
-        return kEntities[0];
-    case '>':
-        return kEntities[1];
-    case '&':
-        return kEntities[2];
-    case '\'':
-        return kEntities[3];
-    default:
-        return kEntities[4];
-    }
-}
-
 bool IsSpecial(char c) { return c == '<' || c == '>' || c == '&' || c == '\'' || c == '"'; }
 
-// The high bit of each byte that is 0.
-constexpr uint64_t ZeroBytes(uint64_t bytes) {
-    constexpr uint64_t kLow = 0x7F7F7F7F7F7F7F7F;
-    return ~(((bytes & kLow) + kLow) | bytes | kLow);
+// Eight characters, the first in the lowest byte on every machine.
+uint64_t Word(const char* text) {
+    uint64_t word = 0;
+    memcpy(&word, text, kWord);
+    return __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? word : __builtin_bswap64(word);
 }
 
 // The high bit of each byte that is special, or '#', which differs from its neighbours as they do from one
-// another: '<' from '>' in one bit, '"', '#', '&' and the apostrophe in two.
-constexpr uint64_t Candidates(uint64_t bytes) {
+// another: '<' from '>' in one bit, '"', '#', '&' and the apostrophe in two. Without these bits such a byte
+// equals its kind's first; what is left of any other carries into its high bit.
+constexpr uint64_t Candidates(uint64_t word) {
     constexpr uint64_t kEach = 0x0101010101010101;
-    return ZeroBytes((bytes & ~(kEach * 0x02)) ^ kEach * '<') |
-           ZeroBytes((bytes & ~(kEach * 0x05)) ^ kEach * '"');
-}
-
-// Which of eight bytes, in the order of memory, is the first whose high bit is set.
-unsigned int FirstOf(uint64_t highBits) {
-    return static_cast<unsigned int>(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? __builtin_ctzll(highBits)
-                                                                               : __builtin_clzll(highBits)) /
-           8;
-}
-
-constexpr uint64_t Without(uint64_t highBits, unsigned int byte) {
-    return highBits & ~(uint64_t{0x80} << 8 * (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? byte : 7 - byte));
+    const uint64_t notAngle = ((word & kEach * (0x7F & ~0x02)) ^ kEach * '<') + kEach * 0x7F;
+    const uint64_t notOther = ((word & kEach * (0x7F & ~0x05)) ^ kEach * '"') + kEach * 0x7F;
+    return ~((notAngle & notOther) | word) & kEach * 0x80;
 }
 
 // Escaping writes whole words, and over what it has written too far: the run between two special characters
@@ -101,14 +93,9 @@ char* EscapeCharacter(char c, char* to) {
 // Eight characters, behind which eight more can be read. Where they go depends on the lengths of entities but
 // not on where the special characters stand, so the processor begins with the next word meanwhile.
 char* EscapeWord(const char* from, char* to) {
-    uint64_t bytes = 0;
-    memcpy(&bytes, from, kWord);
-    memcpy(to, &bytes, kWord);
-    for (uint64_t candidates = Candidates(bytes); candidates != 0;) {
-        const unsigned int at = FirstOf(candidates);
-        candidates = Without(candidates, at);
-        if (from[at] == '#')
-            continue;
+    memcpy(to, from, kWord);
+    for (uint64_t candidates = Candidates(Word(from)); candidates != 0; candidates &= candidates - 1) {
+        const int at = __builtin_ctzll(candidates) / 8;
         const Entity& entity = EntityFor(from[at]);
         memcpy(to + at, entity.text, kWord);
         to += entity.length - 1;
@@ -119,15 +106,11 @@ char* EscapeWord(const char* from, char* to) {
 
 // As much of the text as fits with certainty; moves text behind it.
 char* EscapePart(const char*& text, const char* textEnd, char* to, const char* toEnd) {
-    constexpr size_t kMostOfAWord = kWord * kLongestEntity + kWord;
-    while (text != textEnd && static_cast<size_t>(toEnd - to) >= kMostOfAWord) {
-        if (static_cast<size_t>(textEnd - text) >= 2 * kWord) {
-            to = EscapeWord(text, to);
-            text += kWord;
-        } else {
-            to = EscapeCharacter(*text++, to);
-        }
-    }
+    const char* const mostEnd = toEnd - (kWord * kLongestEntity + kWord);
+    for (; textEnd - text >= static_cast<ptrdiff_t>(2 * kWord) && to <= mostEnd; text += kWord)
+        to = EscapeWord(text, to);
+    for (; text != textEnd && to <= mostEnd; ++text)
+        to = EscapeCharacter(*text, to);
     return to;
 }
 
