@@ -71,7 +71,7 @@ void LibraryBlocks::Born(const void* block, const void* caller) {
 
 void LibraryBlocks::Gone(const void* block) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(block);
-    if (!__atomic_load_n(&IsUsed(Index(address)), __ATOMIC_RELAXED))
+    if (!block || !__atomic_load_n(&IsUsed(Index(address)), __ATOMIC_RELAXED))
         return;
     Slot* bucket = Bucket(address);
     for (int i = 0; i < BUCKET_SIZE; i++)
