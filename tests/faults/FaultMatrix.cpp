@@ -1928,7 +1928,7 @@ TEST(FaultMatrix, Prints_its_table) {
 }
 
 // Where this repository is, if it is here.
-const std::filesystem::path ROOT = std::filesystem::path(__FILE__).parent_path().parent_path();
+const std::filesystem::path ROOT = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path();
 
 TEST(FaultMatrix, Is_what_the_page_shows) {
     std::ifstream file(ROOT / "docs/reliability.md");
