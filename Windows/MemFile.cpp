@@ -13,23 +13,28 @@ namespace {
 
 constexpr int kStackTextSize = 16384;
 
+// A text of that length, which is more than the stack has room for.
+template <typename Sink>
+__attribute__((noinline)) void PrintLongTo(Sink sink, int length, const char* format, va_list args) {
+    // Not checked, like every allocation of a memory file.
+    const size_t size = static_cast<size_t>(length) + 100;
+    auto* text = static_cast<char*>(malloc(size));
+    const int longLength = vsnprintf(text, size, format, args);
+    if (longLength >= 0)
+        sink(text, longLength);
+    free(text);
+}
+
 // Hands the formatted text and its length to sink. A text that vsnprintf cannot make has none.
 template <typename Sink> void PrintTo(Sink sink, const char* format, va_list args) {
     va_list again;
     va_copy(again, args);
     alignas(64) char text[kStackTextSize]; // a line that begins with a cache line is made in 4 % less time
     const int length = vsnprintf(text, sizeof text, format, args);
-    if (length >= kStackTextSize) {
-        // Not checked, like every allocation of a memory file.
-        const size_t size = static_cast<size_t>(length) + 100;
-        auto* longText = static_cast<char*>(malloc(size));
-        const int longLength = vsnprintf(longText, size, format, again);
-        if (longLength >= 0)
-            sink(longText, longLength);
-        free(longText);
-    } else if (length >= 0) {
+    if (length >= kStackTextSize)
+        PrintLongTo(sink, length, format, again);
+    else if (length >= 0)
         sink(text, length);
-    }
     va_end(again);
 }
 
@@ -179,28 +184,30 @@ unsigned int CMemFile::Read(void* dest, unsigned int count) {
 }
 
 void CMemFile::Write(const void* data, unsigned int count) {
-    if (m_uiPosition + count > m_uiBufferSize) {
-        unsigned int fitting = count;
-        if (!MakeRoomFor(fitting))
-            return;
-        count = fitting;
-    }
+    if (m_uiPosition + count > m_uiBufferSize)
+        WriteBeyondBuffer(data, count);
+    else
+        WriteIntoBuffer(data, count);
+}
+
+// Grows the buffer, or writes what fits into a fixed one. Apart from Write, which would save registers for
+// it.
+__attribute__((noinline)) void CMemFile::WriteBeyondBuffer(const void* data, unsigned int count) {
+    if (m_uiGrowBytes != 0)
+        Grow(StepsUpTo(m_uiPosition + count));
+    else if (m_uiPosition >= m_uiBufferSize)
+        return;
+    else
+        count = m_uiBufferSize - m_uiPosition;
+    WriteIntoBuffer(data, count);
+}
+
+inline void CMemFile::WriteIntoBuffer(const void* data, unsigned int count) {
     if (count > 0)
         memcpy(m_pBuffer + m_uiPosition, data, count);
     m_uiPosition += count;
     if (m_uiPosition > m_uiFileLength)
         m_uiFileLength = m_uiPosition;
-}
-
-// For a write beyond the buffer: grows it, or cuts count to what a fixed one takes. False if that is nothing.
-__attribute__((noinline)) bool CMemFile::MakeRoomFor(unsigned int& count) {
-    if (m_uiGrowBytes != 0)
-        Grow(StepsUpTo(m_uiPosition + count));
-    else if (m_uiPosition >= m_uiBufferSize)
-        return false;
-    else
-        count = m_uiBufferSize - m_uiPosition;
-    return true;
 }
 
 // The buffer size plus as many whole steps as hold required bytes; required itself where that exceeds 32

@@ -96,7 +96,8 @@ public:
     unsigned char* m_pBuffer;    // from malloc; NULL when nothing is allocated
 
 private:
-    bool MakeRoomFor(unsigned int& count);
+    void WriteBeyondBuffer(const void* data, unsigned int count);
+    void WriteIntoBuffer(const void* data, unsigned int count);
     unsigned int StepsUpTo(unsigned int required) const;
 };
 

@@ -16,14 +16,14 @@ constexpr unsigned int kLongestStepMs = 333;
 // Tries, sleeps a whole step, and so on until the time is used up. The last sleep is not followed by a try.
 // Apart from Lock, which would save registers for it.
 __attribute__((noinline)) bool Poll(pthread_mutex_t* mutex, unsigned int timeoutMs,
-                                    windows::NoCancellation& noCancellation) {
+                                    windows::NoCancellation* scope) {
     const unsigned int stepMs = std::clamp(timeoutMs / 10, 1U, kLongestStepMs);
     unsigned int remainingMs = timeoutMs;
     while (pthread_mutex_trylock(mutex) != 0) {
         if (remainingMs == 0)
             return false;
         {
-            const windows::CancellationAsBefore whileAsleep(noCancellation);
+            const windows::CancellationAsBefore whileAsleep(scope);
             Sleep(stepMs);
         }
         remainingMs -= std::min(remainingMs, stepMs);
@@ -31,6 +31,49 @@ __attribute__((noinline)) bool Poll(pthread_mutex_t* mutex, unsigned int timeout
             return false;
     }
     return true;
+}
+
+bool LockForEver(pthread_mutex_t* mutex) {
+    if (pthread_mutex_lock(mutex) == 0)
+        return true;
+    CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to lock mutex", nullptr);
+    return false;
+}
+
+// Within scope, if there is one.
+int LockAndReport(pthread_mutex_t* mutex, unsigned int timeoutMs, windows::NoCancellation* scope) {
+    const unsigned long tid = pthread_self();
+    CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry,
+                           "CMutex::Lock Being Called with a %lu millisecond timeout on thread %lx",
+                           static_cast<unsigned long>(timeoutMs), tid);
+    const bool locked = timeoutMs == INFINITE ? LockForEver(mutex) : Poll(mutex, timeoutMs, scope);
+    CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "CMutex::Lock returning %s thread %lx",
+                           locked ? "true" : "false", tid);
+    return locked ? 1 : 0;
+}
+
+int UnlockAndReport(pthread_mutex_t* mutex) {
+    const unsigned long tid = pthread_self();
+    CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry, "CMutex::UnLock Being Called on thread %lx",
+                           tid);
+    if (pthread_mutex_unlock(mutex) != 0) {
+        CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to unlock mutex", nullptr);
+        return 0;
+    }
+    CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "CMutex::Unlock succeeeded on thread %lx", tid);
+    return 1;
+}
+
+// The next two are for a thread that can be cancelled. Apart, as the others would save registers for them.
+
+__attribute__((noinline)) int LockUncancelled(pthread_mutex_t* mutex, unsigned int timeoutMs) {
+    windows::NoCancellation scope;
+    return LockAndReport(mutex, timeoutMs, &scope);
+}
+
+__attribute__((noinline)) int UnlockUncancelled(pthread_mutex_t* mutex) {
+    const windows::NoCancellation scope;
+    return UnlockAndReport(mutex);
 }
 
 } // namespace
@@ -57,38 +100,16 @@ CMutex::CMutex(int kind, bool bInitiallyOwn) {
 
 CMutex::~CMutex() { pthread_mutex_destroy(&m_mutex); }
 
+// Callers lock in destructors and hold what they locked: nothing here may be cancelled but the sleep of a
+// poll.
 int CMutex::Lock(unsigned long dwTimeoutMs) {
-    // Callers lock in destructors and hold what they locked: nothing here may be cancelled but the sleep.
-    windows::NoCancellation noCancellation;
     const auto timeoutMs = static_cast<unsigned int>(dwTimeoutMs);
-    const unsigned long tid = pthread_self();
-    CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry,
-                           "CMutex::Lock Being Called with a %lu millisecond timeout on thread %lx",
-                           static_cast<unsigned long>(timeoutMs), tid);
-    bool locked = false;
-    if (timeoutMs == INFINITE) {
-        locked = pthread_mutex_lock(&m_mutex) == 0;
-        if (!locked)
-            CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to lock mutex", nullptr);
-    } else {
-        locked = Poll(&m_mutex, timeoutMs, noCancellation);
-    }
-    CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "CMutex::Lock returning %s thread %lx",
-                           locked ? "true" : "false", tid);
-    return locked ? 1 : 0;
+    return windows::t_isCancellable ? LockUncancelled(&m_mutex, timeoutMs)
+                                    : LockAndReport(&m_mutex, timeoutMs, nullptr);
 }
 
 int CMutex::Unlock() {
-    const windows::NoCancellation noCancellation;
-    const unsigned long tid = pthread_self();
-    CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry, "CMutex::UnLock Being Called on thread %lx",
-                           tid);
-    if (pthread_mutex_unlock(&m_mutex) != 0) {
-        CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to unlock mutex", nullptr);
-        return 0;
-    }
-    CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "CMutex::Unlock succeeeded on thread %lx", tid);
-    return 1;
+    return windows::t_isCancellable ? UnlockUncancelled(&m_mutex) : UnlockAndReport(&m_mutex);
 }
 
 pthread_mutex_t* CMutex::PThreadMutex() { return &m_mutex; }

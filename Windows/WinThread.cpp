@@ -446,7 +446,7 @@ long CWinThread::ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use) {
     use.Pause();
     ssize_t count = 0;
     {
-        const windows::CancellationAsBefore whileBlocked(noCancellation);
+        const windows::CancellationAsBefore whileBlocked(&noCancellation);
         count = read(readDesc, pMsg, sizeof(MSG));
         error = errno;
     }

@@ -398,13 +398,13 @@ inline XString& XString::operator+=(char ch) {
     // No detach: every string that shares the header sees the character.
     XStringData* data = m_pStrData;
     const unsigned int length = data->m_uiLength;
-    if (length + 2 > data->m_uiBuffSize)
+    const bool fits = length + 1 < data->m_uiBuffSize;
+    if (!fits)
         data->Reallocate(length + 2, true);
-    const unsigned int size = data->m_uiBuffSize;
     char* text = data->m_bLocked ? data->LockBuffer() : data->m_pszData; // locked: faults at the first write
     text[length] = ch;
     text[length + 1] = '\0';
-    if (length + 1 < size)
+    if (fits || length + 1 < data->m_uiBuffSize)
         data->m_uiLength = length + 1;
     else
         data->SetLength(length + 1); // aborts: a granule below 1. GCOVR_EXCL_LINE

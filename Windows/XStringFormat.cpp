@@ -176,17 +176,39 @@ long long ItemLength(const Conversion& conversion, Arguments& args) {
     }
 }
 
+// The charge for a conversion of any kind, which is skipped. Apart, as most are of the two kinds below.
+__attribute__((noinline)) long long ConversionLength(const char*& position, Arguments& args) {
+    const Conversion conversion = ReadConversion(position, args);
+    return conversion.prefix + ItemLength(conversion, args);
+}
+
 long long EstimateLength(const char* position, Arguments& args) {
     long long length = 0;
     while (*position != '\0') {
         if (*position++ != '%') {
             ++length;
-        } else if (*position == '%') {
+            continue;
+        }
+        switch (*position) {
+        case '%':
             ++position;
             ++length;
-        } else {
-            const Conversion conversion = ReadConversion(position, args);
-            length += conversion.prefix + ItemLength(conversion, args);
+            break;
+        case 's':
+            ++position;
+            length += TextLength(va_arg(args.list, const char*));
+            break;
+        case 'd':
+            ++position;
+            static_cast<void>(va_arg(args.list, int));
+            length += kIntegerLength;
+            break;
+        default: {
+            const char* rest = position; // only a copy has an address, and so lies in memory
+            length += ConversionLength(rest, args);
+            position = rest;
+            break;
+        }
         }
     }
     return length;

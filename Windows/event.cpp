@@ -69,23 +69,27 @@ int CEvent::WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLock
     EventLock lock(m_mutex);
     if (ppLocked)
         *ppLocked = nullptr;
-
     const auto timeout = static_cast<unsigned int>(timeoutMs);
-    int result = 0;
-    if (timeout == INFINITE) {
-        while (!m_bSignalled)
-            pthread_cond_wait(&m_cond, &m_mutex);
-    } else if (timeout == 0) {
-        result = m_bSignalled ? 0 : ETIMEDOUT;
-    } else {
-        CTimeSpecHelper deadline(true);
-        deadline.AddMilliSeconds(timeout);
-        // An error other than the time-out waits again and is the result if the event is set meanwhile.
-        while (!m_bSignalled && result != ETIMEDOUT)
-            result = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
-    }
-
+    const int result = timeout == INFINITE && m_bSignalled ? 0 : SleepUntilSignalled(timeout);
     if (ppLocked && result != ETIMEDOUT)
         *ppLocked = lock.HandOver();
+    return result;
+}
+
+// With the lock held. Apart from the wait, which would save registers for it.
+__attribute__((noinline)) int CEvent::SleepUntilSignalled(unsigned int timeoutMs) {
+    if (timeoutMs == INFINITE) {
+        while (!m_bSignalled)
+            pthread_cond_wait(&m_cond, &m_mutex);
+        return 0;
+    }
+    if (timeoutMs == 0)
+        return m_bSignalled ? 0 : ETIMEDOUT;
+    CTimeSpecHelper deadline(true);
+    deadline.AddMilliSeconds(timeoutMs);
+    int result = 0;
+    // An error other than the time-out waits again and is the result if the event is set meanwhile.
+    while (!m_bSignalled && result != ETIMEDOUT)
+        result = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
     return result;
 }

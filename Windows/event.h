@@ -46,6 +46,8 @@ public:
     int WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLocked);
 
 private:
+    int SleepUntilSignalled(unsigned int timeoutMs);
+
     bool m_bSignalled;
     bool m_bManualReset;
     pthread_mutex_t m_mutex;

@@ -142,16 +142,19 @@ void FromReal(tagVARIANT& v, double value, const char* format, VARTYPE newType) 
     }
 }
 
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
 // A long of 64 bits is cut to what strtol gives where it has 32.
 int ParsedInteger(const char* text) {
     // A plain number of no more digits than an int always holds.
     constexpr int kSafeDigits = 9;
-    const char* digit = *text == '-' ? text + 1 : text;
-    const char* const first = digit;
+    const char* const first = *text == '-' ? text + 1 : text;
+    const char* const limit = first + kSafeDigits;
+    const char* digit = first;
     int number = 0;
-    while (*digit >= '0' && *digit <= '9' && digit - first < kSafeDigits)
+    while (IsDigit(*digit) && digit != limit)
         number = number * 10 + (*digit++ - '0');
-    if (digit != first && !(*digit >= '0' && *digit <= '9'))
+    if (digit != first && !IsDigit(*digit))
         return *text == '-' ? -number : number;
     return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }

@@ -49,23 +49,23 @@ private:
     int m_before = PTHREAD_CANCEL_ENABLE;
 };
 
-// Inside a NoCancellation: what was allowed before it began is allowed for this scope.
+// Inside a NoCancellation, if there is one: what was allowed before it began is allowed for this scope.
 class CancellationAsBefore {
 public:
-    explicit CancellationAsBefore(NoCancellation& scope) : m_scope(scope) {
-        if (m_scope.m_acts)
-            m_scope.End();
+    explicit CancellationAsBefore(NoCancellation* scope) : m_scope(scope) {
+        if (m_scope && m_scope->m_acts)
+            m_scope->End();
     }
     ~CancellationAsBefore() {
-        if (m_scope.m_acts)
-            m_scope.Begin();
+        if (m_scope && m_scope->m_acts)
+            m_scope->Begin();
     }
 
     CancellationAsBefore(const CancellationAsBefore&) = delete;
     CancellationAsBefore& operator=(const CancellationAsBefore&) = delete;
 
 private:
-    NoCancellation& m_scope;
+    NoCancellation* m_scope;
 };
 
 } // namespace windows
