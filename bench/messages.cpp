@@ -62,7 +62,16 @@ struct Library {
     };
 };
 
-// A pipe of records with a lock at each end and a third for what does not fit.
+// Whether the calling thread may be cancelled while it runs, which it must not be with a lock in its hands.
+thread_local bool t_isCancellable = false;
+
+void SetCancellable(bool can) {
+    if (t_isCancellable)
+        pthread_setcancelstate(can ? PTHREAD_CANCEL_ENABLE : PTHREAD_CANCEL_DISABLE, nullptr);
+}
+
+// A pipe of records with a lock at each end and a third for what does not fit. A thread can be cancelled
+// where it waits for one.
 struct Floor {
     struct Record {
         unsigned int number;
@@ -88,6 +97,7 @@ struct Floor {
         }
         FLOOR_CALL void Post(unsigned int number) {
             const Record record = {number, 0, nullptr, static_cast<unsigned int>(GetTickCount())};
+            SetCancellable(false);
             FloorLock(writeLock);
             if (write(ends[1], &record, sizeof record) == -1) {
                 FloorLock(parkedLock);
@@ -95,17 +105,22 @@ struct Floor {
                 FloorUnlock(parkedLock);
             }
             FloorUnlock(writeLock);
+            SetCancellable(true);
         }
         FLOOR_CALL unsigned int Get() {
             Record record;
+            SetCancellable(false);
             FloorLock(readLock);
+            SetCancellable(true);
             if (read(ends[0], &record, sizeof record) != sizeof record)
                 record.number = 0;
+            SetCancellable(false);
             FloorLock(parkedLock);
             while (!parked.empty() && write(ends[1], &parked.front(), sizeof(Record)) != -1)
                 parked.pop_front();
             FloorUnlock(parkedLock);
             FloorUnlock(readLock);
+            SetCancellable(true);
             CLogger::PostLogEventF(LogTypeTraffic, LogSeverityTrace, "%d %d %ld %ld",
                                    static_cast<int>(record.number), static_cast<int>(record.number), 0L, 0L);
             return record.number;
@@ -174,9 +189,14 @@ struct Floor {
     private:
         static void* Run(void* argument) {
             auto* self = static_cast<Thread*>(argument);
+            t_isCancellable = true;
+            SetCancellable(false);
             FloorLock(self->m_start);
             FloorUnlock(self->m_start);
+            SetCancellable(true);
+            pthread_testcancel();
             self->m_body(*self);
+            SetCancellable(false);
             CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "exiting %x",
                                    static_cast<unsigned int>(self->m_thread));
             self->m_handle->end->Set();

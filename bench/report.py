@@ -79,12 +79,12 @@ class Program:
                 if column not in (benchmark.column for benchmark in benchmarks):
                     yield "%s has no column %s" % (row, column)
 
-    def run(self, row, seconds, rounds, processors=None):
-        """The runs of all columns of a row, or of all rows, as Google Benchmark reports them."""
+    def run(self, row, seconds, processors=None):
+        """A run of each column of a row, or of all rows, in random order, as Google Benchmark reports them."""
         operation, _, argument = row.partition("/")
         pattern = "^%s<.*>%s(/process_time|/real_time)*$" % (operation, "/" + argument if argument else "") if row else "."
         command = [self.path, "--benchmark_filter=" + pattern, "--benchmark_min_time=%g" % seconds,
-                   "--benchmark_repetitions=%d" % rounds, "--benchmark_enable_random_interleaving=true",
+                   "--benchmark_repetitions=1", "--benchmark_enable_random_interleaving=true",
                    "--benchmark_format=json"]
         if processors:
             command = ["taskset", "-c", ",".join(map(str, processors))] + command
@@ -97,35 +97,46 @@ class Program:
             sys.exit("bench: %s" % ("failed: " + ", ".join(failed) if failed else "nothing ran of " + row))
         return runs
 
-    def medians(self, row, rounds, processors):
-        """Nanoseconds by column. On one processor it is the processor's time, of all threads: others who use the
-        machine do not disturb it. On two it is the clock's."""
+    def times(self, row, rounds, processors):
+        """Nanoseconds by column, one for each round. On one processor it is the processor's time, of all threads: others
+        who use the machine do not disturb it. On two it is the clock's. Each round is a process of its own: where in
+        memory it has its objects, and whether a lock lies across two cache lines, differs from round to round."""
         scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
         times = collections.defaultdict(list)
-        for run in self.run(row, 0.02, rounds, processors):
-            name = run["name"]
-            by_clock = "/real_time" in name and (len(processors) > 1 or "/process_time" not in name)
-            time = run["real_time" if by_clock else "cpu_time"]
-            times[parse(name).column].append(time * scale[run["time_unit"]])
-        return {column: statistics.median(values) for column, values in times.items()}
+        for _ in range(rounds):
+            for run in self.run(row, 0.02, processors):
+                name = run["name"]
+                by_clock = "/real_time" in name and (len(processors) > 1 or "/process_time" not in name)
+                time = run["real_time" if by_clock else "cpu_time"]
+                times[parse(name).column].append(time * scale[run["time_unit"]])
+        return times
+
+
+def ratio(times, column, other):
+    """The median of the rounds' ratios: what disturbs the machine for a while disturbs both columns of a round."""
+    return statistics.median(a / b for a, b in zip(times[column], times[other]))
 
 
 class Figures:
-    """What was measured of a row: medians by column on one processor, and on two if that makes a difference."""
+    """What was measured of a row: times by column on one processor, and on two if that makes a difference."""
 
     def __init__(self, row, one, two):
         self.row, self.one, self.two = row, one, two
-        self.ratio = one["Library"] / one["Floor"]
+        self.ratio = ratio(one, "Library", "Floor")
         self.holds = round(self.ratio, 2) <= bar(row)
 
     def cells(self):
-        two = "%s, %.2f" % (duration(self.two["Library"]), self.two["Library"] / self.two["Floor"]) if self.two else ""
-        return ["`%s`" % self.row, duration(self.one["Library"]), "%.2f" % self.ratio, "%.2f" % bar(self.row),
+        two = "%s, %.2f" % (median_duration(self.two), ratio(self.two, "Library", "Floor")) if self.two else ""
+        return ["`%s`" % self.row, median_duration(self.one), "%.2f" % self.ratio, "%.2f" % bar(self.row),
                 "yes" if self.holds else "**no**", two, peers(self.one), peers(self.two or {})]
 
 
-def peers(medians):
-    return ", ".join("%s %s" % (peer, three_digits(medians[peer] / medians["Library"])) for peer in PEERS if peer in medians)
+def median_duration(times):
+    return duration(statistics.median(times["Library"]))
+
+
+def peers(times):
+    return ", ".join("%s %s" % (peer, three_digits(ratio(times, peer, "Library"))) for peer in PEERS if peer in times)
 
 
 def three_digits(number):
@@ -141,9 +152,9 @@ def measure(program, rows, rounds):
     available = sorted(os.sched_getaffinity(0))
     all_figures = []
     for row in rows:
-        one = program.medians(row, rounds, available[:1])
+        one = program.times(row, rounds, available[:1])
         has_threads = any(benchmark.has_threads for benchmark in program.rows[row])
-        two = program.medians(row, rounds, available[:2]) if has_threads and len(available) > 1 else None
+        two = program.times(row, rounds, available[:2]) if has_threads and len(available) > 1 else None
         all_figures.append(Figures(row, one, two))
         print("%-22s %10s  %5s (bar %s, holds: %s)  two processors: %s  others: %s; %s" %
               tuple(cell.strip("`*") or "-" for cell in all_figures[-1].cells()), flush=True)
@@ -171,7 +182,7 @@ def draw(all_figures, picture):
     with tempfile.NamedTemporaryFile("w", suffix=".tsv", encoding="utf-8") as data:
         data.write("\t".join(("Operation", "Library", "bar") + PEERS) + "\n")
         for figures in all_figures:
-            peers = [figures.one[peer] / figures.one["Floor"] if peer in figures.one else "?" for peer in PEERS]
+            peers = [ratio(figures.one, peer, "Floor") if peer in figures.one else "?" for peer in PEERS]
             data.write("\t".join(map(str, [figures.row, figures.ratio, bar(figures.row)] + peers)) + "\n")
         data.flush()
         script = ROOT / "bench/picture.gp"
@@ -194,7 +205,7 @@ def time(program, wanted, rounds, origin):
 
 
 def try_each(program):
-    runs = program.run("", 0.001, 1)
+    runs = program.run("", 0.001)
     print("%d benchmarks of %d rows: no error" % (len(runs), len(program.rows)))
 
 
