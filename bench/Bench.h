@@ -3,8 +3,10 @@
 // A benchmark is an operation, written once as a template over its columns: Library, Floor and the peers that
 // the build found. The floor is written by hand: it makes the calls of the C library, the kernel and the host
 // that the library has to make for the same effect, in the same order, and nothing else. What the library
-// exports is called there as well (FLOOR_CALL): inlined into a loop, pthread_self would be called once and
-// not each time. Each benchmark checks its results, so that all columns do the same work.
+// exports is called there as well (FLOOR_CALL), and not made for its callers, as nothing in a library is:
+// inlined into a loop, pthread_self would be called once and not each time, and a copy for a caller's
+// constants would know how long its texts are. Each benchmark checks its results, so that all columns do the
+// same work.
 #ifndef BENCH_BENCH_H
 #define BENCH_BENCH_H
 
@@ -12,7 +14,11 @@
 
 #include <benchmark/benchmark.h>
 
+#if defined(__GNUC__) && !defined(__clang__)
+#define FLOOR_CALL __attribute__((noipa))
+#else
 #define FLOOR_CALL __attribute__((noinline))
+#endif
 
 // Ends a benchmark whose result is not the expected one.
 inline bool Agrees(benchmark::State& state, bool holds) {
