@@ -432,6 +432,13 @@ TEST(MemFile, Fixed_file_takes_nothing_at_its_end_and_is_that_long_then) {
     EXPECT_EQ(State(file), "open 1 grow 0 size 3 length 3 position 3");
 }
 
+TEST(MemFile, Fixed_file_drops_what_is_written_at_its_end_and_stays_as_long) {
+    CMemFile file(Buffer(3), 3, 0);
+    file.Seek(3, 0);
+    Write(file, "x");
+    EXPECT_EQ(State(file), "open 1 grow 0 size 3 length 0 position 3");
+}
+
 TEST(MemFile, Fixed_file_after_Detach_stores_nothing) {
     CMemFile file(Buffer(3), 3, 0);
     Write(file, "ab");

@@ -389,6 +389,16 @@ TEST(event, A_timed_wait_sleeps_in_one_call) {
               (Strings{"pthread_mutex_lock()", "pthread_cond_timedwait()", "pthread_mutex_unlock()"}));
 }
 
+TEST(event, Only_a_timed_wait_asks_for_the_time_also_for_a_signalled_event) {
+    CEvent event(true, true);
+    const int before = Host::Deadlines();
+    EXPECT_EQ(event.WaitForEventSignal(FOR_EVER, nullptr), 0);
+    EXPECT_EQ(event.WaitForEventSignal(0, nullptr), 0);
+    EXPECT_EQ(Host::Deadlines(), before);
+    EXPECT_EQ(event.WaitForEventSignal(20, nullptr), 0);
+    EXPECT_EQ(Host::Deadlines(), before + 1);
+}
+
 TEST(event, Setting_a_manual_reset_event_releases_every_waiter) {
     CEvent event(true, false);
     CallLog log({Call::CondWait}, CallLog::AllThreads);

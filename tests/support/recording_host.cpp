@@ -441,6 +441,7 @@ std::atomic<bool> g_debug{false};
 std::atomic<bool> g_fakeTick{false};
 std::atomic<unsigned long> g_tick{0};
 std::atomic<bool> g_fakeSleep{false};
+std::atomic<int> g_deadlines{0};
 
 // With g_hostMonitor held.
 Services& TheServices() {
@@ -481,6 +482,8 @@ void Host::SetTickCount(unsigned long milliseconds) {
 }
 
 void Host::UseRealTickCount() { g_fakeTick = false; }
+
+int Host::Deadlines() { return g_deadlines; }
 
 void Host::FakeSleep(std::function<void(unsigned long)> function) {
     Set(&Services::sleep, std::move(function));
@@ -564,8 +567,10 @@ void CTimeValHelper::AddMilliSeconds(unsigned long milliSeconds) {
 }
 
 CTimeSpecHelper::CTimeSpecHelper(bool now) : timespec() {
-    if (now)
-        clock_gettime(CLOCK_REALTIME, this);
+    if (!now)
+        return;
+    ++g_deadlines;
+    clock_gettime(CLOCK_REALTIME, this);
 }
 
 void CTimeSpecHelper::AddMilliSeconds(unsigned long milliSeconds) {

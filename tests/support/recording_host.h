@@ -167,6 +167,9 @@ public:
     static void SetTickCount(unsigned long milliseconds);
     static void UseRealTickCount();
 
+    // How often a CTimeSpecHelper was made of the current time so far, on all threads.
+    static int Deadlines();
+
     // Sleep() really sleeps by default. After this it only calls the function, if there is one.
     static void FakeSleep(std::function<void(unsigned long)> function = nullptr);
 
