@@ -33,13 +33,14 @@ CMutex mutBstr(1, false);
 char* HeaderOf(const char* bstr) { return const_cast<char*>(bstr) - sizeof(Header); }
 
 // Reads the word in front of any pointer at all, which for one that is no BSTR may be anybody's memory: that
-// is what telling a BSTR costs. Address checkers would report it, and know memcpy and memcmp by their calls.
+// is what telling a BSTR costs. Address checkers would report it.
 __attribute__((noinline, no_sanitize("address"))) bool HasSignature(const char* p) {
-    const volatile char* word = HeaderOf(p);
-    char signature[sizeof kSignature];
-    memcpy(signature, &kSignature, sizeof signature);
-    return word[0] == signature[0] && word[1] == signature[1] && word[2] == signature[2] &&
-           word[3] == signature[3];
+    uint32_t signature = 0;
+    const volatile char* from = p - sizeof(Header);
+    auto* to = reinterpret_cast<char*>(&signature);
+    for (size_t i = 0; i < sizeof signature; ++i)
+        to[i] = from[i];
+    return signature == kSignature;
 }
 
 // Not a plain store: the block is freed next, and an optimiser would leave such a store out. A second free of
