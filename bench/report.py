@@ -99,8 +99,8 @@ class Program:
 
     def times(self, row, rounds, processors):
         """Nanoseconds by column, one for each round. On one processor it is the processor's time, of all threads: others
-        who use the machine do not disturb it. On two it is the clock's. Each round is a process of its own: where in
-        memory it has its objects, and whether a lock lies across two cache lines, differs from round to round."""
+        who use the machine do not disturb it. On two it is the clock's. Each round is a process of its own, as where in
+        memory the objects lie differs from one to the next, and can outweigh the code."""
         scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
         times = collections.defaultdict(list)
         for _ in range(rounds):
