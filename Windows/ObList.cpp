@@ -12,7 +12,7 @@ CObList::CObList() : m_pNodeHead(nullptr), m_pNodeTail(nullptr), m_nCount(0) {}
 
 CObList::~CObList() { RemoveAll(); }
 
-// --- Walking: for programs that do not have it inline --------------------------------------------------
+// --- For programs that do not have these inline --------------------------------------------------------
 
 __attribute__((used)) POSITION (CObList::*const g_getHeadPosition)() const = &CObList::GetHeadPosition;
 __attribute__((used)) POSITION (CObList::*const g_getTailPosition)() const = &CObList::GetTailPosition;
@@ -20,6 +20,10 @@ __attribute__((used)) CObject*& (CObList::*const g_getNext)(POSITION&) = &CObLis
 __attribute__((used)) CObject* (CObList::*const g_getNextOfConst)(POSITION&) const = &CObList::GetNext;
 __attribute__((used)) CObject*& (CObList::*const g_getPrev)(POSITION&) = &CObList::GetPrev;
 __attribute__((used)) CObject* (CObList::*const g_getPrevOfConst)(POSITION&) const = &CObList::GetPrev;
+__attribute__((used)) POSITION (CObList::*const g_addHead)(CObject*) = &CObList::AddHead;
+__attribute__((used)) POSITION (CObList::*const g_addTail)(CObject*) = &CObList::AddTail;
+__attribute__((used))
+CObList::CNode* (CObList::*const g_newNode)(CObList::CNode*, CObList::CNode*, CObject*) = &CObList::NewNode;
 
 // --- Elements ------------------------------------------------------------------------------------------
 
@@ -44,20 +48,6 @@ int CObList::GetCount() const { return m_nCount; }
 bool CObList::IsEmpty() const { return m_nCount == 0; }
 
 // --- Adding --------------------------------------------------------------------------------------------
-
-POSITION CObList::AddHead(CObject* obj) {
-    CNode* node = NewNode(nullptr, m_pNodeHead, obj);
-    (m_pNodeHead ? m_pNodeHead->pPrev : m_pNodeTail) = node;
-    m_pNodeHead = node;
-    return PositionOf(node);
-}
-
-POSITION CObList::AddTail(CObject* obj) {
-    CNode* node = NewNode(m_pNodeTail, nullptr, obj);
-    (m_pNodeTail ? m_pNodeTail->pNext : m_pNodeHead) = node;
-    m_pNodeTail = node;
-    return PositionOf(node);
-}
 
 void CObList::AddHead(CObList* pNewList) {
     windows::Require(pNewList, "pNewList != __null", {kSource, 102, "void CObList::AddHead(CObList*)"});
@@ -146,12 +136,6 @@ POSITION CObList::FindIndex(int index) const {
 }
 
 // --- Nodes ---------------------------------------------------------------------------------------------
-
-CObList::CNode* CObList::NewNode(CNode* pPrev, CNode* pNext, CObject* obj) {
-    auto* node = new CNode{pNext, pPrev, obj};
-    ++m_nCount;
-    return node;
-}
 
 void CObList::DeleteNode(CNode* node) {
     delete node;

@@ -69,8 +69,8 @@ public:
     bool IsEmpty() const;
 
     // Adds an element at that end and returns its position.
-    POSITION AddHead(CObject* obj);
-    POSITION AddTail(CObject* obj);
+    WINDOWS_INLINE_EXPORT POSITION AddHead(CObject* obj);
+    WINDOWS_INLINE_EXPORT POSITION AddTail(CObject* obj);
 
     // Adds the elements of another list at that end, in their order; the other list keeps them. It must not
     // be this list, whose walk would find what it adds and never end. They abort for NULL, which needs a cast
@@ -100,7 +100,7 @@ public:
     POSITION FindIndex(int index) const;
 
     // Makes a node with these links and counts it, but links nothing to it.
-    CNode* NewNode(CNode* pPrev, CNode* pNext, CObject* obj);
+    WINDOWS_INLINE_EXPORT CNode* NewNode(CNode* pPrev, CNode* pNext, CObject* obj);
 
     // Frees a node, which nothing must link to any more, and counts it out.
     void DeleteNode(CNode* node);
@@ -135,5 +135,25 @@ inline CObject* CObList::GetNext(POSITION& pos) const { return Step(pos, &CNode:
 inline CObject*& CObList::GetPrev(POSITION& pos) { return Step(pos, &CNode::pPrev)->data; }
 
 inline CObject* CObList::GetPrev(POSITION& pos) const { return Step(pos, &CNode::pPrev)->data; }
+
+inline POSITION CObList::AddHead(CObject* obj) {
+    CNode* node = NewNode(nullptr, m_pNodeHead, obj);
+    (m_pNodeHead ? m_pNodeHead->pPrev : m_pNodeTail) = node;
+    m_pNodeHead = node;
+    return PositionOf(node);
+}
+
+inline POSITION CObList::AddTail(CObject* obj) {
+    CNode* node = NewNode(m_pNodeTail, nullptr, obj);
+    (m_pNodeTail ? m_pNodeTail->pNext : m_pNodeHead) = node;
+    m_pNodeTail = node;
+    return PositionOf(node);
+}
+
+inline CObList::CNode* CObList::NewNode(CNode* pPrev, CNode* pNext, CObject* obj) {
+    CNode* node = new CNode{pNext, pPrev, obj};
+    ++m_nCount;
+    return node;
+}
 
 #endif

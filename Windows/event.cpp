@@ -8,10 +8,11 @@ static_assert(ETIMEDOUT == 110, "callers know the time-out by its number");
 
 namespace {
 
-// Holds the event's lock, also when a wait is cancelled: the event may outlive the thread.
+// Gives the event's lock back, also when a wait is cancelled: the event may outlive the thread.
 class EventLock {
 public:
-    explicit EventLock(pthread_mutex_t& mutex) : m_mutex(&mutex) { pthread_mutex_lock(m_mutex); }
+    // The lock is held already.
+    explicit EventLock(pthread_mutex_t& mutex) : m_mutex(&mutex) {}
     ~EventLock() {
         if (m_mutex)
             pthread_mutex_unlock(m_mutex);
@@ -43,41 +44,33 @@ CEvent::~CEvent() {
     pthread_mutex_destroy(&m_mutex);
 }
 
-int CEvent::SetEvent() {
-    const EventLock lock(m_mutex);
-    if (m_bSignalled)
-        return 1;
-    m_bSignalled = true;
-    if (m_bManualReset) {
-        pthread_cond_broadcast(&m_cond);
-    } else {
-        pthread_cond_signal(&m_cond);
-        // At once, and before the thread that was woken can look: an auto-reset event is never left
-        // signalled.
-        m_bSignalled = m_bManualReset;
-    }
-    return 1;
-}
-
-int CEvent::ResetEvent() {
-    const EventLock lock(m_mutex);
-    m_bSignalled = false;
-    return 1;
-}
+// For programs that do not have it inline.
+__attribute__((used)) int (CEvent::*const g_setEvent)() = &CEvent::SetEvent;
+__attribute__((used)) int (CEvent::*const g_resetEvent)() = &CEvent::ResetEvent;
 
 int CEvent::WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLocked) {
+    const auto timeout = static_cast<unsigned int>(timeoutMs);
+    pthread_mutex_lock(&m_mutex);
+    if (timeout != INFINITE || !m_bSignalled)
+        return WaitWithLock(timeout, ppLocked);
+    if (!ppLocked)
+        return pthread_mutex_unlock(&m_mutex); // 0, as this thread holds the lock; see the header
+    *ppLocked = &m_mutex;
+    return 0;
+}
+
+// Apart from the above, which would save registers for it.
+__attribute__((noinline)) int CEvent::WaitWithLock(unsigned int timeoutMs, pthread_mutex_t** ppLocked) {
     EventLock lock(m_mutex);
     if (ppLocked)
         *ppLocked = nullptr;
-    const auto timeout = static_cast<unsigned int>(timeoutMs);
-    const int result = timeout == INFINITE && m_bSignalled ? 0 : SleepUntilSignalled(timeout);
+    const int result = SleepUntilSignalled(timeoutMs);
     if (ppLocked && result != ETIMEDOUT)
         *ppLocked = lock.HandOver();
     return result;
 }
 
-// With the lock held. Apart from the wait, which would save registers for it.
-__attribute__((noinline)) int CEvent::SleepUntilSignalled(unsigned int timeoutMs) {
+int CEvent::SleepUntilSignalled(unsigned int timeoutMs) {
     if (timeoutMs == INFINITE) {
         while (!m_bSignalled)
             pthread_cond_wait(&m_cond, &m_mutex);

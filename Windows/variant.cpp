@@ -45,7 +45,8 @@ uint32_t TruncatedUnsigned(double value) {
     return static_cast<uint32_t>(value);
 }
 
-void SetText(tagVARIANT& v, int value) {
+// Apart from FromInteger, which would make room for the text whatever the type is.
+__attribute__((noinline)) void SetText(tagVARIANT& v, int value) {
     char text[16];
     *std::to_chars(text, text + sizeof text, value).ptr = '\0';
     SetValue(v, SysAllocString(text));
@@ -142,20 +143,20 @@ void FromReal(tagVARIANT& v, double value, const char* format, VARTYPE newType) 
     }
 }
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+// More than 9 for a character that is none.
+unsigned int Digit(char c) { return static_cast<unsigned char>(c) - static_cast<unsigned int>('0'); }
 
 // A long of 64 bits is cut to what strtol gives where it has 32.
 int ParsedInteger(const char* text) {
     // A plain number of no more digits than an int always holds.
     constexpr int kSafeDigits = 9;
     const char* const first = *text == '-' ? text + 1 : text;
-    const char* const limit = first + kSafeDigits;
-    const char* digit = first;
-    int number = 0;
-    while (IsDigit(*digit) && digit != limit)
-        number = number * 10 + (*digit++ - '0');
-    if (digit != first && !IsDigit(*digit))
-        return *text == '-' ? -number : number;
+    const char* end = first;
+    unsigned int number = 0; // wraps round where there are more
+    for (; Digit(*end) <= 9; ++end)
+        number = number * 10 + Digit(*end);
+    if (end != first && end - first <= kSafeDigits)
+        return static_cast<int>(*text == '-' ? -number : number);
     return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 

@@ -968,6 +968,19 @@ const Operation WAIT_LONG = {"`WaitForEventSignal(60000)` of an event that is se
 const Operation WAIT_EVER = {"`WaitForEventSignal(INFINITE)` of an event that is set meanwhile",
                              WaitForOne<INFINITE>};
 
+template <unsigned long timeoutMs> void FindSignalled(Trial& t) {
+    CEvent event(true, true);
+    int result = -1;
+    t.Run([&] { result = event.WaitForEventSignal(timeoutMs, nullptr); });
+    t.Result(result);
+    t.Fact(IsSignalled(event) ? "signalled" : "not signalled");
+    event.ResetEvent();
+    t.WorksThen(!IsSignalled(event) && event.SetEvent() == 1 && IsSignalled(event));
+}
+const Operation WAIT_SIGNALLED = {"`WaitForEventSignal(INFINITE)` of a signalled event",
+                                  FindSignalled<INFINITE>};
+const Operation LOOK = {"`WaitForEventSignal(0)` of a signalled event", FindSignalled<0>};
+
 // ---------------------------------------------------------------------------------------------------------
 // Memory files and texts
 
@@ -1278,14 +1291,19 @@ const Site SITES[] = {
     {"Windows/Mutex.cpp", "CMutex::~CMutex", "pthread_mutex_destroy", RESULT_DISCARDED},
     {"Windows/Mutex.cpp", "LockForEver", "pthread_mutex_lock", nullptr},
     {"Windows/Mutex.cpp", "UnlockAndReport", "pthread_mutex_unlock", nullptr},
-    {"Windows/event.cpp", "EventLock", "pthread_mutex_lock", nullptr},
-    {"Windows/event.cpp", "EventLock", "pthread_mutex_unlock", nullptr},
+    {"Windows/event.h", "CEvent::SetEvent", "pthread_mutex_lock", nullptr},
+    {"Windows/event.h", "CEvent::SetEvent", "pthread_mutex_unlock", nullptr},
+    {"Windows/event.h", "CEvent::SetEvent", "pthread_cond_broadcast", nullptr},
+    {"Windows/event.h", "CEvent::SetEvent", "pthread_cond_signal", nullptr},
+    {"Windows/event.h", "CEvent::ResetEvent", "pthread_mutex_lock", nullptr},
+    {"Windows/event.h", "CEvent::ResetEvent", "pthread_mutex_unlock", nullptr},
     {"Windows/event.cpp", "CEvent::CEvent", "pthread_cond_init", RESULT_DISCARDED},
     {"Windows/event.cpp", "CEvent::CEvent", "pthread_mutex_init", nullptr},
     {"Windows/event.cpp", "CEvent::~CEvent", "pthread_cond_destroy", RESULT_DISCARDED},
     {"Windows/event.cpp", "CEvent::~CEvent", "pthread_mutex_destroy", RESULT_DISCARDED},
-    {"Windows/event.cpp", "CEvent::SetEvent", "pthread_cond_broadcast", nullptr},
-    {"Windows/event.cpp", "CEvent::SetEvent", "pthread_cond_signal", nullptr},
+    {"Windows/event.cpp", "CEvent::WaitForEventSignal", "pthread_mutex_lock", nullptr},
+    {"Windows/event.cpp", "CEvent::WaitForEventSignal", "pthread_mutex_unlock", nullptr},
+    {"Windows/event.cpp", "CEvent::WaitWithLock", "pthread_mutex_unlock", nullptr},
     {"Windows/event.cpp", "CEvent::SleepUntilSignalled", "pthread_cond_wait", nullptr},
     {"Windows/event.cpp", "CEvent::SleepUntilSignalled", "pthread_cond_timedwait", nullptr},
     {"Windows/MemFile.cpp", "PrintTo", "vsnprintf to the stack", nullptr},
@@ -1788,11 +1806,14 @@ const Row ROWS[] = {
     {"UnlockAndReport", "pthread_mutex_unlock", 1, FAILS(EINVAL), &UNLOCK, "0", {M_UNLOCK, M_UNLOCK_FAILED}, "held, works then"},
     {"CEvent::CEvent", "pthread_mutex_init", 1, FAILS(EAGAIN), &MAKE_EVENT, "constructed", {}, "works then"},
     {"CEvent::CEvent", "pthread_mutex_init", 1, FAILS(ENOMEM), &MAKE_EVENT, "constructed", {}, "works then"},
-    {"EventLock", "pthread_mutex_lock", 1, UNPAIRED(EINVAL), &SET, "1", {}, "signalled, works then"},
-    {"EventLock", "pthread_mutex_lock", 1, UNPAIRED(EDEADLK), &SET, "1", {}, "signalled, works then"},
-    {"EventLock", "pthread_mutex_unlock", 1, UNPAIRED(EPERM), &SET, "1", {}, "signalled, works then"},
-    {"EventLock", "pthread_mutex_lock", 1, UNPAIRED(EINVAL), &RESET, "1", {}, "not signalled, works then"},
-    {"EventLock", "pthread_mutex_unlock", 1, UNPAIRED(EPERM), &RESET, "1", {}, "not signalled, works then"},
+    {"CEvent::SetEvent", "pthread_mutex_lock", 1, UNPAIRED(EINVAL), &SET, "1", {}, "signalled, works then"},
+    {"CEvent::SetEvent", "pthread_mutex_lock", 1, UNPAIRED(EDEADLK), &SET, "1", {}, "signalled, works then"},
+    {"CEvent::SetEvent", "pthread_mutex_unlock", 1, UNPAIRED(EPERM), &SET, "1", {}, "signalled, works then"},
+    {"CEvent::ResetEvent", "pthread_mutex_lock", 1, UNPAIRED(EINVAL), &RESET, "1", {}, "not signalled, works then"},
+    {"CEvent::ResetEvent", "pthread_mutex_unlock", 1, UNPAIRED(EPERM), &RESET, "1", {}, "not signalled, works then"},
+    {"CEvent::WaitForEventSignal", "pthread_mutex_lock", 1, UNPAIRED(EINVAL), &WAIT_SIGNALLED, "0", {}, "signalled, works then"},
+    {"CEvent::WaitForEventSignal", "pthread_mutex_unlock", 1, UNPAIRED(EPERM), &WAIT_SIGNALLED, "<errno>", {}, "signalled, works then"},
+    {"CEvent::WaitWithLock", "pthread_mutex_unlock", 1, UNPAIRED(EPERM), &LOOK, "0", {}, "signalled, works then"},
     {"CEvent::SetEvent", "pthread_cond_broadcast", 1, FAILS(EINVAL), &SET, "1", {}, "signalled, works then"},
     {"CEvent::SetEvent", "pthread_cond_signal", 1, FAILS(EINVAL), &SET_AUTO, "1", {}, "not signalled, works then"},
     {"CEvent::SleepUntilSignalled", "pthread_cond_timedwait", 1, FAILS(EINTR), &WAIT, "110", {}, "not signalled, works then"},
