@@ -50,16 +50,20 @@ __attribute__((used)) int (CEvent::*const g_resetEvent)() = &CEvent::ResetEvent;
 
 int CEvent::WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLocked) {
     const auto timeout = static_cast<unsigned int>(timeoutMs);
+    if (timeout != INFINITE || ppLocked)
+        return LockAndWait(timeout, ppLocked);
     pthread_mutex_lock(&m_mutex);
-    if (timeout != INFINITE || !m_bSignalled)
-        return WaitWithLock(timeout, ppLocked);
-    if (!ppLocked)
-        return pthread_mutex_unlock(&m_mutex); // 0, as this thread holds the lock; see the header
-    *ppLocked = &m_mutex;
-    return 0;
+    if (!m_bSignalled)
+        return WaitWithLock(INFINITE, nullptr);
+    return pthread_mutex_unlock(&m_mutex); // 0, as this thread holds the lock; see the header
 }
 
-// Apart from the above, which would save registers for it.
+// Apart from the above, like the next: it has nothing but its object to keep on the stack.
+__attribute__((noinline)) int CEvent::LockAndWait(unsigned int timeoutMs, pthread_mutex_t** ppLocked) {
+    pthread_mutex_lock(&m_mutex);
+    return WaitWithLock(timeoutMs, ppLocked);
+}
+
 __attribute__((noinline)) int CEvent::WaitWithLock(unsigned int timeoutMs, pthread_mutex_t** ppLocked) {
     EventLock lock(m_mutex);
     if (ppLocked)

@@ -46,6 +46,7 @@ public:
     int WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLocked);
 
 private:
+    int LockAndWait(unsigned int timeoutMs, pthread_mutex_t** ppLocked);
     int WaitWithLock(unsigned int timeoutMs, pthread_mutex_t** ppLocked);
     int SleepUntilSignalled(unsigned int timeoutMs);
 
