@@ -55,7 +55,8 @@ int CEvent::WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLock
     pthread_mutex_lock(&m_mutex);
     if (!m_bSignalled)
         return WaitWithLock(INFINITE, nullptr);
-    return pthread_mutex_unlock(&m_mutex); // 0, as this thread holds the lock; see the header
+    pthread_mutex_unlock(&m_mutex);
+    return 0;
 }
 
 // Apart from the above, like the next: it has nothing but its object to keep on the stack.
