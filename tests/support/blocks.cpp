@@ -21,11 +21,12 @@ const int BUCKET_BITS = 16;
 const int BUCKET_SIZE = 8;
 Slot g_table[1 << BUCKET_BITS][BUCKET_SIZE];
 
-// Which stretches of the table were ever in use: a case uses few, and each has all blocks listed twice.
+// How many blocks each stretch of the table holds: at the end of a case few have any, and each case has all
+// blocks listed twice.
 const int STRETCH_BITS = 8;
-bool g_isUsed[1 << (BUCKET_BITS - STRETCH_BITS)];
+int g_blocks[1 << (BUCKET_BITS - STRETCH_BITS)];
 
-bool& IsUsed(uint32_t bucket) { return g_isUsed[bucket >> STRETCH_BITS]; }
+int& BlocksAround(uint32_t bucket) { return g_blocks[bucket >> STRETCH_BITS]; }
 
 // Where the library's code lies.
 uintptr_t g_begin;
@@ -57,13 +58,13 @@ void LibraryBlocks::Born(const void* block, const void* caller) {
     if (!block || from < g_begin || from >= g_end)
         return;
     const uintptr_t address = reinterpret_cast<uintptr_t>(block);
-    __atomic_store_n(&IsUsed(Index(address)), true, __ATOMIC_RELAXED);
     Slot* bucket = Bucket(address);
     for (int i = 0; i < BUCKET_SIZE; i++) {
         uintptr_t none = 0;
         if (__atomic_compare_exchange_n(&bucket[i].block, &none, address, false, __ATOMIC_RELAXED,
                                         __ATOMIC_RELAXED)) {
             __atomic_store_n(&bucket[i].caller, from, __ATOMIC_RELAXED);
+            __atomic_fetch_add(&BlocksAround(Index(address)), 1, __ATOMIC_RELAXED);
             return;
         }
     }
@@ -71,12 +72,13 @@ void LibraryBlocks::Born(const void* block, const void* caller) {
 
 void LibraryBlocks::Gone(const void* block) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(block);
-    if (!block || !__atomic_load_n(&IsUsed(Index(address)), __ATOMIC_RELAXED))
+    if (!block || __atomic_load_n(&BlocksAround(Index(address)), __ATOMIC_RELAXED) == 0)
         return;
     Slot* bucket = Bucket(address);
     for (int i = 0; i < BUCKET_SIZE; i++)
         if (__atomic_load_n(&bucket[i].block, __ATOMIC_RELAXED) == address) {
             __atomic_store_n(&bucket[i].block, uintptr_t{0}, __ATOMIC_RELAXED);
+            __atomic_fetch_sub(&BlocksAround(Index(address)), 1, __ATOMIC_RELAXED);
             return;
         }
 }
@@ -85,7 +87,7 @@ std::set<uintptr_t> LibraryBlocks::All() {
     Bypass bypass;
     std::set<uintptr_t> blocks;
     for (uint32_t first = 0; first < 1U << BUCKET_BITS; first += 1U << STRETCH_BITS) {
-        if (!__atomic_load_n(&IsUsed(first), __ATOMIC_RELAXED))
+        if (__atomic_load_n(&BlocksAround(first), __ATOMIC_RELAXED) == 0)
             continue;
         for (uint32_t bucket = first; bucket < first + (1U << STRETCH_BITS); bucket++)
             for (const Slot& slot : g_table[bucket])

@@ -9,9 +9,11 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <ostream>
+#include <string_view>
 
 #include <Windows/XString.h>
 #include <host/host.h>
@@ -90,9 +92,7 @@ Monitor g_censusMonitor;
 int g_censusFile = -2; // -1: there is none; -2: not opened yet
 
 unsigned long Hash(const char* text, unsigned long seed = 0) {
-    unsigned long hash = 2166136261u ^ (seed * 16777619u);
-    for (; *text; text++)
-        hash = (hash ^ static_cast<unsigned char>(*text)) * 16777619u;
+    const unsigned long hash = std::hash<std::string_view>()(text) ^ (seed * 16777619u);
     return hash ? hash : 1;
 }
 

@@ -141,23 +141,40 @@ CLogException* Exception(const char*, const char*, char*) { return nullptr; }
 MAIN = "int main() {}\n"
 ALL_THERE = "check-host: all 20 services are there\n"
 HIDDEN = "it is hidden (-fvisibility=hidden, an attribute or a version script) or static"
-EXPORTED = ("-shared", "-fPIC")
+EXPORTED = ("-shared",)
 
 
 class CheckHost(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.objects_folder = pathlib.Path(folder.name)
+        cls.objects = {}  # by their sources: most cases link the same one, each in its own way
+
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
-    def build(self, source, *flags, name="host"):
-        """An ELF file of this source, which the compiler must accept as it stands."""
-        code = self.folder / (name + ".cpp")
-        code.write_text(source, encoding="ascii")
-        command = [*CXX, "-std=c++11", "-I", str(ROOT), *flags, str(code), "-o", str(self.folder / name)]
-        result = run(command)
+    def run_compiler(self, *arguments):
+        result = run([*CXX, *map(str, arguments)])
         self.assertEqual(result.returncode, 0, result.stderr)
-        return str(self.folder / name)
+
+    def compile(self, source):
+        """The object file of this source, which the compiler must accept as it stands."""
+        if source not in self.objects:
+            code = self.objects_folder / f"host{len(self.objects)}.cpp"
+            code.write_text(source, encoding="ascii")
+            self.run_compiler("-std=c++11", "-fPIC", "-I", ROOT, "-c", code, "-o", code.with_suffix(".o"))
+            self.objects[source] = code.with_suffix(".o")
+        return self.objects[source]
+
+    def build(self, source, *flags, name="host"):
+        """An ELF file of this source, linked with these flags."""
+        file = self.folder / name
+        self.run_compiler(*flags, self.compile(source), "-o", file)
+        return str(file)
 
     def changed(self, old, new):
         self.assertEqual(HOST.count(old), 1)

@@ -17,7 +17,8 @@ What a page's author needs to know:
     pages on which they are commands.
 
 WINDOWS_TEST_EMULATOR is the command that runs the built programs, if they need one; a block of sh that calls a compiler
-is left out then, and those of the page behind it. WINDOWS_TEST_CXX is the compiler (default: g++). Limits grow with WINDOWS_TEST_TIME_MULTIPLIER.
+is left out then, and those of the page behind it. WINDOWS_TEST_CXX is the command that compiles (default: g++).
+Limits grow with WINDOWS_TEST_TIME_MULTIPLIER.
 """
 import argparse
 import contextlib
@@ -35,7 +36,7 @@ import unittest
 
 LIMIT = 60 * float(os.environ.get("WINDOWS_TEST_TIME_MULTIPLIER", "1"))
 EMULATOR = os.environ.get("WINDOWS_TEST_EMULATOR", "")
-CXX = shutil.which(os.environ.get("WINDOWS_TEST_CXX") or "g++")
+CXX = os.environ.get("WINDOWS_TEST_CXX") or shutil.which("g++")
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGES = [ROOT / "README.md", ROOT / "SECURITY.md", *sorted((ROOT / "docs").glob("*.md"))]
 WARNINGS = ["-std=c++11", "-Wall", "-Wextra", "-Wno-unused", "-Werror"]
@@ -130,15 +131,15 @@ class Samples(unittest.TestCase):
             raise AssertionError(f"{shlex.join(command)}: status {process.returncode}\n{stdout}{stderr}")
         return stdout
 
-    def compile(self, path, *link):
-        flags = WARNINGS if link else [*WARNINGS, "-fsyntax-only"]
-        return self.run_command("g++", *flags, "-I.", path, *link)
+    def compile(self, path):
+        self.run_command("g++", *WARNINGS, "-pthread", "-I.", "-c", path, "-o", "program.o")
 
     def run_cpp(self, path, code):
+        self.compile(path)
         link = ["-Lbuild/native", f"-Wl,-rpath,{BUILD}", "-lWindows"]
         if not re.search(r"\bCLogger::PostLogEventF\(", code):
             link.append("build/native/reference_host/libWindowsReferenceHost.a")
-        self.compile(path, *link, "-pthread", "-o", "program")
+        self.run_command("g++", "program.o", *link, "-pthread", "-o", "program")
         return self.run_command(*shlex.split(EMULATOR), "./program")
 
     def run_block(self, block, code):
