@@ -13,10 +13,15 @@ namespace {
 
 constexpr unsigned int kLongestStepMs = 333;
 
+bool LockForEver(pthread_mutex_t* mutex) {
+    if (pthread_mutex_lock(mutex) == 0)
+        return true;
+    CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to lock mutex", nullptr);
+    return false;
+}
+
 // Tries, sleeps a whole step, and so on until the time is used up. The last sleep is not followed by a try.
-// Apart from Lock, which would save registers for it.
-__attribute__((noinline)) bool Poll(pthread_mutex_t* mutex, unsigned int timeoutMs,
-                                    windows::NoCancellation* scope) {
+bool Poll(pthread_mutex_t* mutex, unsigned int timeoutMs, windows::NoCancellation* scope) {
     const unsigned int stepMs = std::clamp(timeoutMs / 10, 1U, kLongestStepMs);
     unsigned int remainingMs = timeoutMs;
     while (pthread_mutex_trylock(mutex) != 0) {
@@ -33,23 +38,31 @@ __attribute__((noinline)) bool Poll(pthread_mutex_t* mutex, unsigned int timeout
     return true;
 }
 
-bool LockForEver(pthread_mutex_t* mutex) {
-    if (pthread_mutex_lock(mutex) == 0)
-        return true;
-    CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to lock mutex", nullptr);
-    return false;
-}
-
-// Within scope, if there is one.
-int LockAndReport(pthread_mutex_t* mutex, unsigned int timeoutMs, windows::NoCancellation* scope) {
+// What each lock posts, around that which takes the mutex.
+template <class Take> int TakeAndReport(unsigned int timeoutMs, Take take) {
     const unsigned long tid = pthread_self();
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry,
                            "CMutex::Lock Being Called with a %lu millisecond timeout on thread %lx",
                            static_cast<unsigned long>(timeoutMs), tid);
-    const bool locked = timeoutMs == INFINITE ? LockForEver(mutex) : Poll(mutex, timeoutMs, scope);
+    const bool locked = take();
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "CMutex::Lock returning %s thread %lx",
                            locked ? "true" : "false", tid);
     return locked ? 1 : 0;
+}
+
+int LockAndReport(pthread_mutex_t* mutex) {
+    return TakeAndReport(INFINITE, [=] { return LockForEver(mutex); });
+}
+
+// Apart, as a lock for ever would save registers for it.
+__attribute__((noinline)) int PollAndReport(pthread_mutex_t* mutex, unsigned int timeoutMs,
+                                            windows::NoCancellation* scope) {
+    return TakeAndReport(timeoutMs, [=] { return Poll(mutex, timeoutMs, scope); });
+}
+
+// Within scope, if there is one.
+int LockWithin(pthread_mutex_t* mutex, unsigned int timeoutMs, windows::NoCancellation* scope) {
+    return timeoutMs == INFINITE ? LockAndReport(mutex) : PollAndReport(mutex, timeoutMs, scope);
 }
 
 int UnlockAndReport(pthread_mutex_t* mutex) {
@@ -68,7 +81,7 @@ int UnlockAndReport(pthread_mutex_t* mutex) {
 
 __attribute__((noinline)) int LockUncancelled(pthread_mutex_t* mutex, unsigned int timeoutMs) {
     windows::NoCancellation scope;
-    return LockAndReport(mutex, timeoutMs, &scope);
+    return LockWithin(mutex, timeoutMs, &scope);
 }
 
 __attribute__((noinline)) int UnlockUncancelled(pthread_mutex_t* mutex) {
@@ -105,7 +118,7 @@ CMutex::~CMutex() { pthread_mutex_destroy(&m_mutex); }
 int CMutex::Lock(unsigned long dwTimeoutMs) {
     const auto timeoutMs = static_cast<unsigned int>(dwTimeoutMs);
     return windows::t_isCancellable ? LockUncancelled(&m_mutex, timeoutMs)
-                                    : LockAndReport(&m_mutex, timeoutMs, nullptr);
+                                    : LockWithin(&m_mutex, timeoutMs, nullptr);
 }
 
 int CMutex::Unlock() {

@@ -47,12 +47,10 @@ private:
 pthread_mutex_t g_listMutex = PTHREAD_MUTEX_INITIALIZER;
 ThreadLife* g_first = nullptr;
 
-// The calling thread's own, if it is the thread of a CWinThread.
-__attribute__((tls_model("initial-exec"))) thread_local ThreadLife* t_own = nullptr;
-
 } // namespace
 
 __thread bool t_isCancellable = false;
+__thread ThreadLife* ThreadLife::t_own = nullptr;
 
 void ThreadLife::Begin(const CWinThread& object) {
     auto* life = new ThreadLife(object);
@@ -109,8 +107,8 @@ ThreadLife::Self::~Self() {
         while (m_life->m_claimed && !m_life->m_released)
             guard.Wait(m_life->m_changed);
         m_life->m_phase = Phase::Over;
-        pthread_cond_broadcast(&m_life->m_changed);
     }
+    pthread_cond_broadcast(&m_life->m_changed);
     m_life->Drop();
 }
 
@@ -144,19 +142,7 @@ void ThreadLife::Drop() {
         delete this;
 }
 
-bool ThreadLife::Enter() {
-    const Phase before = Current();
-    m_phase = Phase::Inside;
-    if (!m_wanted)
-        return true;
-    MoveTo(before); // a destroyer that saw the thread inside looks again
-    return false;
-}
-
-void ThreadLife::MoveTo(Phase phase) {
-    m_phase = phase;
-    if (!m_wanted)
-        return;
+void ThreadLife::TellDestroyer() {
     const Guard guard(m_mutex);
     pthread_cond_broadcast(&m_changed);
 }
@@ -173,23 +159,7 @@ void ThreadLife::AwaitCancellation() {
     pthread_testcancel();
 }
 
-ObjectUse::ObjectUse() : m_life(t_own), m_before(m_life ? m_life->Current() : ThreadLife::Phase::Outside) {
-    Resume();
-}
-
-ObjectUse::~ObjectUse() {
-    if (m_life)
-        m_life->MoveTo(m_before);
-}
-
-void ObjectUse::Pause() {
-    if (m_life)
-        m_life->MoveTo(ThreadLife::Phase::Outside);
-}
-
-void ObjectUse::Resume() {
-    if (!m_life || m_life->Enter())
-        return;
+void ObjectUse::GiveUp() {
     m_usable = false;
     m_life->AwaitCancellation();
 }

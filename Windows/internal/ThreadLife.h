@@ -74,12 +74,29 @@ private:
 
     explicit ThreadLife(const CWinThread& object) : m_object(&object) {}
 
+    // The calling thread's own, if it is the thread of a CWinThread. The model is that of t_isCancellable.
+    static __thread ThreadLife* t_own __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
     static ThreadLife* Find(const CWinThread& object);
     void Unlink();
     void Drop();
-    Phase Current() const { return m_phase.load(std::memory_order_relaxed); } // for the thread itself
-    bool Enter();
-    void MoveTo(Phase phase);
+
+    // For the thread itself.
+    Phase Current() const { return m_phase.load(std::memory_order_relaxed); }
+    bool Enter() {
+        const Phase before = Current();
+        m_phase = Phase::Inside;
+        if (!m_wanted)
+            return true;
+        MoveTo(before); // a destroyer that saw the thread inside looks again
+        return false;
+    }
+    void MoveTo(Phase phase) {
+        m_phase = phase;
+        if (m_wanted)
+            TellDestroyer();
+    }
+    void TellDestroyer();
     void AwaitCancellation();
 
     const CWinThread* const m_object;
@@ -104,20 +121,34 @@ private:
 // object is then not to be used.
 class ObjectUse {
 public:
-    ObjectUse();
-    ~ObjectUse();
+    ObjectUse()
+        : m_life(ThreadLife::t_own), m_before(m_life ? m_life->Current() : ThreadLife::Phase::Outside) {
+        Resume();
+    }
+    ~ObjectUse() {
+        if (m_life)
+            m_life->MoveTo(m_before);
+    }
 
     ObjectUse(const ObjectUse&) = delete;
     ObjectUse& operator=(const ObjectUse&) = delete;
 
     // In front of and behind a call that may block or that runs application code.
-    void Pause();
-    void Resume();
+    void Pause() {
+        if (m_life)
+            m_life->MoveTo(ThreadLife::Phase::Outside);
+    }
+    void Resume() {
+        if (m_life && !m_life->Enter())
+            GiveUp();
+    }
 
     // Whether the object may be used.
     explicit operator bool() const { return m_usable; }
 
 private:
+    void GiveUp();
+
     ThreadLife* const m_life;
     const ThreadLife::Phase m_before;
     bool m_usable = true;

@@ -1275,7 +1275,7 @@ const Site SITES[] = {
     {"Windows/internal/ThreadLife.cpp", "ThreadLife::Self::~Self", "pthread_cond_broadcast",
      "wakes whoever destroys the object: a wake-up that does not come is not made up for, and on an "
      "initialised condition it cannot fail"},
-    {"Windows/internal/ThreadLife.cpp", "ThreadLife::SetPhase", "pthread_cond_broadcast",
+    {"Windows/internal/ThreadLife.cpp", "ThreadLife::TellDestroyer", "pthread_cond_broadcast",
      "wakes whoever destroys the object: a wake-up that does not come is not made up for, and on an "
      "initialised condition it cannot fail"},
     {"Windows/internal/ThreadLife.cpp", "ThreadLife::AwaitCancellation", "pthread_setcancelstate",
