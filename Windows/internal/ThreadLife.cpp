@@ -108,7 +108,7 @@ ThreadLife::Self::~Self() {
             guard.Wait(m_life->m_changed);
         m_life->m_phase = Phase::Over;
     }
-    pthread_cond_broadcast(&m_life->m_changed);
+    pthread_cond_broadcast(&m_life->m_changed); // without the lock: who is woken takes it first
     m_life->Drop();
 }
 
