@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include <Windows/WinThread.h>
 #include <Windows/synchelpers.h>
@@ -62,32 +63,49 @@ struct Library {
     };
 };
 
-// Whether the calling thread may be cancelled while it runs, which it must not be with a lock in its hands.
+// Keeps a thread that may be cancelled from it, as it must not be with a lock in its hands; what was allowed
+// before is allowed again afterwards.
 thread_local bool t_isCancellable = false;
 
-void SetCancellable(bool can) {
+int DisableCancellation() {
+    int before = PTHREAD_CANCEL_ENABLE;
     if (t_isCancellable)
-        pthread_setcancelstate(can ? PTHREAD_CANCEL_ENABLE : PTHREAD_CANCEL_DISABLE, nullptr);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    return before;
 }
 
-// A pipe of records with a lock at each end and a third for what does not fit. A thread can be cancelled
-// where it waits for one.
+void RestoreCancellation(int before) {
+    if (t_isCancellable)
+        pthread_setcancelstate(before, nullptr);
+}
+
+// A pipe of records with a lock at each end and a third for a list of what does not fit. A thread can be
+// cancelled where it waits for a record.
 struct Floor {
+    struct Mutex {
+        pthread_mutex_t mutex;
+        Mutex() { pthread_mutex_init(&mutex, nullptr); }
+        ~Mutex() { pthread_mutex_destroy(&mutex); }
+    };
+
     struct Record {
         unsigned int number;
         unsigned long wParam;
         void* lParam;
         unsigned int time;
     };
+    struct Node {
+        Record record;
+        Node* next;
+    };
 
     struct Queue {
         int ends[2];
-        pthread_mutex_t writeLock = PTHREAD_MUTEX_INITIALIZER;
-        pthread_mutex_t readLock = PTHREAD_MUTEX_INITIALIZER;
-        pthread_mutex_t parkedLock = PTHREAD_MUTEX_INITIALIZER;
-        std::deque<Record> parked;
+        Mutex writeLock, readLock, parkedLock;
+        Node* first = nullptr;
+        Node* last = nullptr;
 
-        Queue() {
+        void Open() {
             if (pipe(ends) == 0)
                 fcntl(ends[1], F_SETFL, fcntl(ends[1], F_GETFL) | O_NONBLOCK);
         }
@@ -95,32 +113,37 @@ struct Floor {
             close(ends[0]);
             close(ends[1]);
         }
+        bool Write(const Record& record) { return write(ends[1], &record, sizeof record) != -1; }
         FLOOR_CALL void Post(unsigned int number) {
             const Record record = {number, 0, nullptr, static_cast<unsigned int>(GetTickCount())};
-            SetCancellable(false);
-            FloorLock(writeLock);
-            if (write(ends[1], &record, sizeof record) == -1) {
-                FloorLock(parkedLock);
-                parked.push_back(record);
-                FloorUnlock(parkedLock);
+            const int before = DisableCancellation();
+            FloorLock(writeLock.mutex);
+            if (!Write(record)) {
+                FloorLock(parkedLock.mutex);
+                if (first || !Write(record)) { // the reader may have made room meanwhile
+                    Node* node = new Node{record, nullptr};
+                    (first ? last->next : first) = node;
+                    last = node;
+                }
+                FloorUnlock(parkedLock.mutex);
             }
-            FloorUnlock(writeLock);
-            SetCancellable(true);
+            FloorUnlock(writeLock.mutex);
+            RestoreCancellation(before);
         }
         FLOOR_CALL unsigned int Get() {
             Record record;
-            SetCancellable(false);
-            FloorLock(readLock);
-            SetCancellable(true);
+            int before = DisableCancellation();
+            FloorLock(readLock.mutex);
+            RestoreCancellation(before);
             if (read(ends[0], &record, sizeof record) != sizeof record)
                 record.number = 0;
-            SetCancellable(false);
-            FloorLock(parkedLock);
-            while (!parked.empty() && write(ends[1], &parked.front(), sizeof(Record)) != -1)
-                parked.pop_front();
-            FloorUnlock(parkedLock);
-            FloorUnlock(readLock);
-            SetCancellable(true);
+            before = DisableCancellation();
+            FloorLock(parkedLock.mutex);
+            while (first && Write(first->record))
+                delete std::exchange(first, first->next);
+            FloorUnlock(parkedLock.mutex);
+            FloorUnlock(readLock.mutex);
+            RestoreCancellation(before);
             CLogger::PostLogEventF(LogTypeTraffic, LogSeverityTrace, "%d %d %ld %ld",
                                    static_cast<int>(record.number), static_cast<int>(record.number), 0L, 0L);
             return record.number;
@@ -129,10 +152,18 @@ struct Floor {
 
     // What is set when a thread has ended, in a record of its own, as others wait for it by handle.
     struct End {
-        pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-        pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+        pthread_cond_t condition;
+        pthread_mutex_t lock;
         bool isSet = false;
 
+        End() {
+            pthread_cond_init(&condition, nullptr);
+            pthread_mutex_init(&lock, nullptr);
+        }
+        ~End() {
+            pthread_cond_destroy(&condition);
+            pthread_mutex_destroy(&lock);
+        }
         void Set() {
             pthread_mutex_lock(&lock);
             isSet = true;
@@ -154,9 +185,10 @@ struct Floor {
     class Thread {
     public:
         using Body = std::function<void(Thread&)>;
-        explicit Thread(Body body)
-            : m_body(std::move(body)), m_handle(new Handle{3, std::make_unique<End>()}) {
-            FloorLock(m_start); // created suspended
+        explicit Thread(Body body) : m_body(std::move(body)) {
+            FloorLock(m_start.mutex); // created suspended
+            m_handle.reset(new Handle{3, std::make_unique<End>()});
+            m_queue.Open();
             pthread_attr_t attributes;
             pthread_attr_init(&attributes);
             pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
@@ -168,7 +200,7 @@ struct Floor {
             CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "added %x, %zd",
                                    static_cast<unsigned int>(m_thread), s_registry.size());
             FloorUnlock(s_registryLock);
-            FloorUnlock(m_start);
+            FloorUnlock(m_start.mutex);
         }
         void Post(unsigned int number) { m_queue.Post(number); }
         unsigned int Get() { return m_queue.Get(); }
@@ -190,22 +222,22 @@ struct Floor {
         static void* Run(void* argument) {
             auto* self = static_cast<Thread*>(argument);
             t_isCancellable = true;
-            SetCancellable(false);
-            FloorLock(self->m_start);
-            FloorUnlock(self->m_start);
-            SetCancellable(true);
+            const int before = DisableCancellation();
+            FloorLock(self->m_start.mutex);
+            FloorUnlock(self->m_start.mutex);
+            RestoreCancellation(before);
             pthread_testcancel();
             self->m_body(*self);
-            SetCancellable(false);
+            DisableCancellation();
             CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "exiting %x",
                                    static_cast<unsigned int>(self->m_thread));
             self->m_handle->end->Set();
             pthread_exit(nullptr);
         }
         Body m_body;
-        std::unique_ptr<Handle> m_handle;
         Queue m_queue;
-        pthread_mutex_t m_start = PTHREAD_MUTEX_INITIALIZER;
+        Mutex m_start;
+        std::unique_ptr<Handle> m_handle;
         pthread_t m_thread;
     };
 
