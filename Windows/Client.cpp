@@ -181,12 +181,12 @@ void CClient::ServeSocket(int socketDesc, windows::DescriptorSet& watched, bool&
 }
 
 void CClient::ServeQueue(int socketDesc, windows::ObjectUse& use) {
-    MSG message;
-    if (!::PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE))
-        return;
-    LogTraffic("CClient::Main() fd %d: Message on thread's pipe.", socketDesc);
     CCmdTarget& target = m_pCmdTarget;
+    MSG message;
     use.Pause();
-    target.RouteMessage(&message, false);
+    if (::PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE)) {
+        LogTraffic("CClient::Main() fd %d: Message on thread's pipe.", socketDesc);
+        target.RouteMessage(&message, false);
+    }
     use.Resume();
 }

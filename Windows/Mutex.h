@@ -19,6 +19,10 @@
 #include <Windows/ThreadSafety.h>
 #include <Windows/types.h>
 
+namespace windows {
+class MutexScope;
+}
+
 class WINDOWS_CAPABILITY("mutex") CMutex {
 public:
     // A mutex of the platform's default kind (not recursive), locked by the calling thread if
@@ -54,6 +58,8 @@ public:
     pthread_mutex_t* PThreadMutex();
 
 private:
+    friend class windows::MutexScope;
+
     pthread_mutex_t m_mutex;
 };
 

@@ -151,12 +151,11 @@ void CServer::AcceptClient(Watch& watch) {
 
 void CServer::ServeQueue(Watch& watch) {
     LogTrace("CServer::Main() : Message on thread's FIFO.");
-    MSG message;
-    if (!::GetMessage(&message, nullptr, 0, 0, 0, false))
-        return;
     CCmdTarget& target = m_pCmdTarget;
+    MSG message;
     watch.use.Pause();
-    target.RouteMessage(&message, false);
+    if (::GetMessage(&message, nullptr, 0, 0, 0, false))
+        target.RouteMessage(&message, false);
     watch.use.Resume();
 }
 

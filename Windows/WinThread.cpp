@@ -269,7 +269,6 @@ void CWinThread::AddThread(unsigned long id, CWinThread* p) {
                               "CWinThread::AddThread : id is 0. (thread NOT added)", nullptr);
         return;
     }
-    const windows::NoCancellation noCancellation;
     const windows::MutexScope lock(m_mapMutex);
     m_threads.emplace(static_cast<int>(id), p);
     CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace,
@@ -280,7 +279,6 @@ void CWinThread::AddThread(unsigned long id, CWinThread* p) {
 void CWinThread::RemoveThread(unsigned long id) {
     if (id == 0)
         return;
-    const windows::NoCancellation noCancellation;
     const windows::MutexScope lock(m_mapMutex);
     if (m_threads.erase(static_cast<int>(id)) != 0)
         CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace,
@@ -311,7 +309,6 @@ int CWinThread::PostMessage(unsigned int message, unsigned long wParam, void* lP
     record.lParam = lParam;
     record.time = GetTickCount();
     {
-        const windows::NoCancellation noCancellation;
         const windows::MutexScope writing(m_writeMutex);
         const ssize_t written = write(writeDesc, &record, sizeof record);
         if (written == -1 && errno == EAGAIN)
@@ -349,6 +346,30 @@ int CWinThread::LockoutMsgQueue() {
 
 // --- The queue: reading --------------------------------------------------------------------------------
 
+// What read returned, and its errno if it failed. Inline, as the stretch would lie in memory between the two
+// functions otherwise.
+__attribute__((always_inline)) inline long CWinThread::ReadRecord(MSG* pMsg, int& error,
+                                                                  windows::ObjectUse& use) {
+    const int readDesc = m_readDesc;
+    // No scope holds this lock: a thread that is cancelled in the read must not touch the object, which its
+    // destroyer may have freed by then.
+    windows::MutexScope::Lock(m_readMutex);
+    use.Pause();
+    const ssize_t count = read(readDesc, pMsg, sizeof(MSG));
+    if (count == -1)
+        error = errno;
+    use.Resume();
+    if (!use)
+        return count;
+    {
+        const windows::MutexScope lock(m_overflowMutex);
+        if (m_pOverflowHead)
+            DrainOverflow();
+    }
+    windows::MutexScope::Unlock(m_readMutex);
+    return count;
+}
+
 int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/, unsigned int timeoutMs,
                            bool timeoutResult) {
     windows::ObjectUse use;
@@ -361,30 +382,12 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
         return 0;
     }
     if (timeoutMs != 0) {
-        int waiting = 0;
-        if (!CountWaitingBytes(waiting)) {
-            CLogger::PostLogEvent(
-                LogTypeGeneral, LogSeverityQueueFatal,
-                "CWinThread::GetMessage : Failed to read status on message queue pipe! (FAILING)", nullptr);
+        const Arrival arrival = AwaitMessage(timeoutMs, use);
+        if (arrival == Arrival::Failed)
             return 0;
-        }
-        if (waiting > 0) {
-            CLogger::PostLogEvent(LogTypeTraffic, LogSeverityTrace,
-                                  "CWinThread::GetMessage Bypassing select, message was already on pipe",
-                                  nullptr);
-        } else {
-            const int readDesc = m_readDesc;
-            use.Pause();
-            const int ready = WaitForRecord(readDesc, timeoutMs);
-            use.Resume();
-            if (!use)
-                return 0;
-            if (ready == 0) {
-                pMsg->message = 0;
-                return timeoutResult;
-            }
-            if (ready < 0)
-                return 0;
+        if (arrival == Arrival::TooLate) {
+            pMsg->message = 0;
+            return timeoutResult;
         }
     }
 
@@ -413,6 +416,31 @@ int CWinThread::GetMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/
     return 1;
 }
 
+// Apart from GetMessage, which would save registers for it where it only reads.
+__attribute__((noinline)) CWinThread::Arrival CWinThread::AwaitMessage(unsigned int timeoutMs,
+                                                                       windows::ObjectUse& use) {
+    int waiting = 0;
+    if (!CountWaitingBytes(waiting)) {
+        CLogger::PostLogEvent(
+            LogTypeGeneral, LogSeverityQueueFatal,
+            "CWinThread::GetMessage : Failed to read status on message queue pipe! (FAILING)", nullptr);
+        return Arrival::Failed;
+    }
+    if (waiting > 0) {
+        CLogger::PostLogEvent(LogTypeTraffic, LogSeverityTrace,
+                              "CWinThread::GetMessage Bypassing select, message was already on pipe",
+                              nullptr);
+        return Arrival::There;
+    }
+    const int readDesc = m_readDesc;
+    use.Pause();
+    const int ready = WaitForRecord(readDesc, timeoutMs);
+    use.Resume();
+    if (!use || ready < 0)
+        return Arrival::Failed;
+    return ready == 0 ? Arrival::TooLate : Arrival::There;
+}
+
 int CWinThread::PeekMessage(MSG* pMsg, unsigned int /*min*/, unsigned int /*max*/) {
     windows::ObjectUse use;
     if (!use || m_readDesc == -1 || !pMsg)
@@ -436,32 +464,9 @@ bool CWinThread::CountWaitingBytes(int& count) {
     return ioctl(m_readDesc, FIONREAD, &count) != -1;
 }
 
-// What read returned, and its errno.
-long CWinThread::ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use) {
-    windows::NoCancellation noCancellation;
-    const int readDesc = m_readDesc;
-    // No scope holds this lock: a thread that is cancelled in the read must not touch the object, which its
-    // destroyer may have freed by then.
-    m_readMutex.Lock(INFINITE);
-    use.Pause();
-    ssize_t count = 0;
-    {
-        const windows::CancellationAsBefore whileBlocked(&noCancellation);
-        count = read(readDesc, pMsg, sizeof(MSG));
-        error = errno;
-    }
-    use.Resume();
-    if (!use)
-        return count;
-    DrainOverflow();
-    m_readMutex.Unlock();
-    return count;
-}
-
 // Moves parked messages to the pipe until it is full. One that cannot be written for any other reason, a
 // queue that is locked out above all, is dropped.
 void CWinThread::DrainOverflow() {
-    const windows::MutexScope lock(m_overflowMutex);
     while (m_pOverflowHead) {
         if (write(windows::RelaxedLoad(m_writeDesc), &m_pOverflowHead->record, sizeof(MSG)) == -1 &&
             errno == EAGAIN)
@@ -502,20 +507,33 @@ int PostThreadMessage(unsigned long threadId, unsigned int message, unsigned lon
     return thread ? thread->PostMessage(message, wParam, lParam) : 0;
 }
 
-int GetMessage(MSG* pMsg, void* /*window*/, unsigned int min, unsigned int max, unsigned int timeoutMs,
-               bool timeoutResult) {
+namespace {
+
+// Of a thread without a queue. One whose object is being destroyed, and registered no more, ends here.
+int WithoutQueue() {
     const windows::ObjectUse use;
-    CWinThread* thread = use ? CWinThread::MapIdToWinThread(GetCurrentThreadId()) : nullptr;
-    return thread ? thread->GetMessage(pMsg, min, max, timeoutMs, timeoutResult) : 0;
+    return 0;
 }
 
-int PeekMessage(MSG* pMsg, void* /*window*/, unsigned int min, unsigned int max, unsigned int removeFlag) {
+} // namespace
+
+// The next two do not look at the object that they find: it may be gone when its own function marks it as in
+// use.
+
+__attribute__((no_sanitize("vptr"))) int GetMessage(MSG* pMsg, void* /*window*/, unsigned int min,
+                                                    unsigned int max, unsigned int timeoutMs,
+                                                    bool timeoutResult) {
+    CWinThread* thread = CWinThread::MapIdToWinThread(GetCurrentThreadId());
+    return thread ? thread->GetMessage(pMsg, min, max, timeoutMs, timeoutResult) : WithoutQueue();
+}
+
+__attribute__((no_sanitize("vptr"))) int PeekMessage(MSG* pMsg, void* /*window*/, unsigned int min,
+                                                     unsigned int max, unsigned int removeFlag) {
     // The flag that says "remove" is the one that reads nothing; callers that want the message pass 0.
     if (removeFlag == PM_REMOVE)
         return 1;
-    const windows::ObjectUse use;
-    CWinThread* thread = use ? CWinThread::MapIdToWinThread(GetCurrentThreadId()) : nullptr;
-    return thread ? thread->PeekMessage(pMsg, min, max) : 0;
+    CWinThread* thread = CWinThread::MapIdToWinThread(GetCurrentThreadId());
+    return thread ? thread->PeekMessage(pMsg, min, max) : WithoutQueue();
 }
 
 int TranslateMessage(const MSG* /*pMsg*/) {

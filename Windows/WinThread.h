@@ -141,6 +141,7 @@ public:
     unsigned short m_nPostedCount;
 
 private:
+    enum class Arrival { There, TooLate, Failed };
     struct OverflowNode;
     class ConstructionGuard;
 
@@ -165,10 +166,11 @@ private:
     CWinThread(AFX_THREADPROC pfn, void* pParam, const char* source, bool logsFailure);
     bool EndQueueAndThread();
     void Work();
+    Arrival AwaitMessage(unsigned int timeoutMs, windows::ObjectUse& use);
     bool CountWaitingBytes(int& count);
     long ReadRecord(MSG* pMsg, int& error, windows::ObjectUse& use);
     void Park(int writeDesc, const MSG& record);
-    void DrainOverflow();
+    void DrainOverflow() WINDOWS_REQUIRES(m_overflowMutex);
 };
 
 extern "C" {

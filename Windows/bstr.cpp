@@ -9,7 +9,6 @@
 
 #include <host/Logger.h>
 
-#include <Windows/internal/Cancellation.h>
 #include <Windows/internal/MutexScope.h>
 #include <Windows/stdafx.h>
 
@@ -116,7 +115,6 @@ void SysFreeString(BSTR& bstr) {
     if (!bstr)
         return;
     if (!HasSignature(bstr)) {
-        const windows::NoCancellation whileLogging;
         CLogger::PostLogEventF(LogTypeGeneral, LogSeverityFailure,
                                "SysFreeString called with a NON bstr!! %p", static_cast<void*>(bstr));
         return;

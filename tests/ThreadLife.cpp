@@ -254,6 +254,46 @@ TEST(ThreadLife, A_thread_whose_object_goes_while_it_waits_reads_no_message) {
     EXPECT_EQ(reads.Count(Call::Read), 0);
 }
 
+TEST(ThreadLife, A_thread_whose_object_is_gone_ends_where_it_asks_for_a_message) {
+    struct Work {
+        explicit Work(int (*ask)()) : ask(ask) {}
+        int (*const ask)();
+        const std::shared_ptr<Gate> ends = std::make_shared<Gate>();
+        Gate begun, gone, returned;
+        static unsigned int Run(void* p) {
+            auto* work = static_cast<Work*>(p);
+            OpenAtThreadEnd(work->ends);
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // not before it asks
+            work->begun.Open();
+            work->gone.Wait();
+            work->ask();
+            work->returned.Open();
+            return 0;
+        }
+    };
+    static MSG message;
+    Work works[] = {Work([] { return ::GetMessage(&message, nullptr, 0, 0); }),
+                    Work([] { return ::PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE); })};
+    for (Work& work : works) {
+        CWinThread* thread = AfxBeginThread(Work::Run, &work);
+        ASSERT_TRUE(work.begun.Wait());
+        delete thread;
+        work.gone.Open();
+        EXPECT_TRUE(work.ends->Wait());
+        EXPECT_FALSE(work.returned.IsOpen());
+    }
+}
+
+TEST(ThreadLife, A_server_that_waits_for_a_message_that_is_not_there_is_destroyed) {
+    const CallLog reads({Call::Read}, CallLog::AllThreads);
+    Interpose select(Call::Select);
+    select.Return(1); // and all descriptors stay in the set
+    auto server = std::make_unique<CServer>(0, g_target);
+    ASSERT_TRUE(reads.WaitFor(Call::Read));
+    Background destroyer([&] { server.reset(); });
+    EXPECT_TRUE(destroyer.Join());
+}
+
 // A command target with a callback that outlasts its object: it cannot be cancelled, and returns when the
 // object is gone.
 class Outlasting : public CCmdTarget {
@@ -450,7 +490,7 @@ TEST(ThreadLife, A_thread_that_ends_after_its_object_is_gone_gets_no_message) {
     gone.Open();
     ASSERT_TRUE(ender.done.Wait());
     EXPECT_EQ(results, 0);
-    EXPECT_TRUE(SameEvents(Recorder::EventsOfThread(id), {})) << "the object was used, or looked for";
+    EXPECT_TRUE(SameEvents(Recorder::EventsOfThread(id), {})) << "the object was used";
 }
 
 TEST(ThreadLife, A_thread_that_ends_and_waits_for_a_message_is_let_go_when_its_object_goes) {

@@ -762,6 +762,33 @@ TEST(WinThreadDestruction, A_reader_that_is_cancelled_while_it_drains_finishes_t
     EXPECT_EQ(msg.message, 3U);
 }
 
+TEST(WinThreadDestruction, A_reader_that_is_cancelled_in_any_event_behind_its_read_gets_its_message) {
+    constexpr int kEvents = 7; // of a lock and an unlock, of another unlock, and of the message
+    for (int n = 1; n <= kEvents; n++) {
+        SCOPED_TRACE(testing::Message() << "cancelled in event " << n);
+        int result = -1;
+        RunOnThread([&] {
+            PostThreadMessage(GetCurrentThreadId(), 7, 0, nullptr);
+            int events = 0;
+            const pthread_t self = pthread_self();
+            bool hasRead = false;
+            Interpose read(Call::Read);
+            read.OnThisThread().After([&] { hasRead = true; });
+            Recorder::Hook hook([&](const Event& event) {
+                if (!pthread_equal(event.thread, self) || !hasRead || ++events != n)
+                    return;
+                pthread_cancel(self);
+                pthread_testcancel();
+            });
+            MSG message;
+            result = ::GetMessage(&message, nullptr, 0, 0);
+            StopBeingCancelled();
+            EXPECT_EQ(events, kEvents);
+        });
+        EXPECT_EQ(result, 1);
+    }
+}
+
 // A thread that locks, posts to others and looks threads up, over and over.
 Thread* g_target;
 std::atomic<int> g_loops;

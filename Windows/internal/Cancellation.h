@@ -33,9 +33,17 @@ public:
     NoCancellation(const NoCancellation&) = delete;
     NoCancellation& operator=(const NoCancellation&) = delete;
 
-private:
-    friend class CancellationAsBefore;
+    // Between the two, what was allowed before the scope began is allowed.
+    void Pause() const {
+        if (m_acts)
+            End();
+    }
+    void Resume() {
+        if (m_acts)
+            Begin();
+    }
 
+private:
     void Begin() {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before);
         t_isCancellable = false;
@@ -53,12 +61,12 @@ private:
 class CancellationAsBefore {
 public:
     explicit CancellationAsBefore(NoCancellation* scope) : m_scope(scope) {
-        if (m_scope && m_scope->m_acts)
-            m_scope->End();
+        if (m_scope)
+            m_scope->Pause();
     }
     ~CancellationAsBefore() {
-        if (m_scope && m_scope->m_acts)
-            m_scope->Begin();
+        if (m_scope)
+            m_scope->Resume();
     }
 
     CancellationAsBefore(const CancellationAsBefore&) = delete;

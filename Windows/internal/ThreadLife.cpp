@@ -133,12 +133,7 @@ void ThreadLife::Unlink() {
 }
 
 void ThreadLife::Drop() {
-    bool last = false;
-    {
-        const Guard guard(m_mutex);
-        last = --m_owners == 0;
-    }
-    if (last)
+    if (--m_owners == 0)
         delete this;
 }
 

@@ -8,9 +8,9 @@
 // cancellation.
 //
 //   phase    | the thread                        | destroying the object
-//   Created  | has not got so far yet | waits
-//   Starting | waits for the end of its suspension | lifts it, and waits until the thread has left
-//   Outside  | is blocked, or in application code | cancels the thread
+//   Created  | has not got so far yet            | waits
+//   Starting | waits until it is resumed         | resumes it, and waits until the thread has left
+//   Outside  | is blocked, or in the application | cancels the thread
 //   Inside   | uses the object                    | waits until it is outside
 //   Over     | is gone in a moment                | nothing to do
 //
@@ -26,6 +26,8 @@
 #include <pthread.h>
 
 #include <atomic>
+
+#include <Windows/internal/Cancellation.h>
 
 class CWinThread;
 
@@ -111,19 +113,23 @@ private:
     pthread_cond_t m_changed = PTHREAD_COND_INITIALIZER; // anything that a destroyer may wait for
     bool m_claimed = false;                              // the destroyer has found it outside, and cancels it
     bool m_released = false;                             // and has done so
-    int m_owners = 2;                                    // the object and the thread
+
+    std::atomic<int> m_owners{2}; // the object and the thread
 };
 
-// A stretch in which the calling thread uses its own object; nothing on a thread that has none.
+// A stretch in which the calling thread uses its own object, and cannot be cancelled; nothing on a thread
+// that has none.
 //
 // Where the object is being destroyed the constructor and Resume() do not return: the thread is cancelled
 // there. Only a thread that is ending already, and calls from a destructor on its stack, gets past them. The
 // object is then not to be used.
+//
+// Pause a stretch to begin another: within one, what is paused is not the cancellation of the outer.
 class ObjectUse {
 public:
     ObjectUse()
         : m_life(ThreadLife::t_own), m_before(m_life ? m_life->Current() : ThreadLife::Phase::Outside) {
-        Resume();
+        Enter();
     }
     ~ObjectUse() {
         if (m_life)
@@ -137,18 +143,24 @@ public:
     void Pause() {
         if (m_life)
             m_life->MoveTo(ThreadLife::Phase::Outside);
+        m_noCancellation.Pause();
     }
     void Resume() {
-        if (m_life && !m_life->Enter())
-            GiveUp();
+        m_noCancellation.Resume();
+        Enter();
     }
 
     // Whether the object may be used.
     explicit operator bool() const { return m_usable; }
 
 private:
+    void Enter() {
+        if (m_life && !m_life->Enter())
+            GiveUp();
+    }
     void GiveUp();
 
+    NoCancellation m_noCancellation; // for all of the stretch, so that its locks need not see to that
     ThreadLife* const m_life;
     const ThreadLife::Phase m_before;
     bool m_usable = true;
