@@ -149,7 +149,7 @@ CWinThread::~CWinThread() {
 
 // Closes the queue, and cancels the thread unless its work is over. Returns whether it was cancelled.
 bool CWinThread::EndQueueAndThread() {
-    const bool cancels = m_nThreadID != 0 && windows::ThreadLife::Claim(*this);
+    const bool cancels = m_nThreadID != 0 && !HasEnded() && windows::ThreadLife::Claim(*this);
     // End-of-file would wake a thread that is blocked on the pipe before the cancellation reaches it, and it
     // would run on over an object that is going away. A spare write end keeps it asleep until it is
     // cancelled.
@@ -169,6 +169,12 @@ bool CWinThread::EndQueueAndThread() {
     else
         windows::ThreadLife::Discard(*this);
     return cancels;
+}
+
+// Whether the thread has used the object for the last time. It may still be on its way out, which takes
+// longer, above all where both share a processor: waiting for that would be a change of threads for nothing.
+bool CWinThread::HasEnded() const {
+    return windows::AcquireLoad(m_bExited) && m_hThread && WaitForSingleObject(m_hThread, 0) == WAIT_OBJECT_0;
 }
 
 // --- The thread ----------------------------------------------------------------------------------------
@@ -229,8 +235,13 @@ void CWinThread::Work() {
         return;
     CLogger::PostLogEventF(LogTypeGeneral, LogSeverityTrace, "CWinThread::Body() -  Exiting m_nThreadID 0x%x",
                            static_cast<unsigned int>(m_nThreadID));
-    windows::RelaxedStore(m_bExited, true);
-    SetEvent(m_hThread);
+    // A handle that somebody has signalled before is left alone: the two signs together let the destroyer go
+    // on, and with the second of them the object may be gone.
+    HANDLE handle = m_hThread;
+    const bool isSignalled = handle && WaitForSingleObject(handle, 0) == WAIT_OBJECT_0;
+    windows::ReleaseStore(m_bExited, true);
+    if (!isSignalled)
+        SetEvent(handle);
 }
 
 int CWinThread::SuspendThread() {

@@ -165,6 +165,7 @@ public:
 private:
     CWinThread(AFX_THREADPROC pfn, void* pParam, const char* source, bool logsFailure);
     bool EndQueueAndThread();
+    bool HasEnded() const;
     void Work();
     Arrival AwaitMessage(unsigned int timeoutMs, windows::ObjectUse& use);
     bool CountWaitingBytes(int& count);

@@ -294,6 +294,80 @@ TEST(ThreadLife, A_server_that_waits_for_a_message_that_is_not_there_is_destroye
     EXPECT_TRUE(destroyer.Join());
 }
 
+// A suspended thread, and the gates to hold it somewhere at its end.
+struct HeldAtItsEnd {
+    explicit HeldAtItsEnd(AFX_THREADPROC run = [](void*) { return 0U; })
+        : thread(new CWinThread(run, this)), id(thread->m_nThreadID) {}
+
+    static unsigned int SignalItself(void* p) {
+        SetEvent(static_cast<HeldAtItsEnd*>(p)->thread->m_hThread);
+        return 0;
+    }
+
+    void Hold() {
+        held.Open();
+        proceed.Wait();
+    }
+
+    CWinThread* const thread;
+    const pthread_t id;
+    Gate held, proceed;
+};
+
+TEST(ThreadLife, A_destroyer_does_not_wait_for_a_thread_that_has_told_its_end) {
+    HeldAtItsEnd held;
+    std::atomic<bool> told{false};
+    Interpose broadcast(Call::CondBroadcast);
+    broadcast.OnThread(held.id).After([&] { told = true; });
+    Interpose unlock(Call::MutexUnlock);
+    unlock.OnThread(held.id).When([&](const CallRecord&) { return told.load(); }).After([&] { held.Hold(); });
+    held.thread->ResumeThread();
+    ASSERT_TRUE(held.held.Wait());
+    EXPECT_EQ(WaitForSingleObject(held.thread->m_hThread, INFINITE), WAIT_OBJECT_0);
+    Background destroyer([&] { delete held.thread; });
+    EXPECT_TRUE(destroyer.Join());
+    held.proceed.Open();
+}
+
+TEST(ThreadLife, A_handle_that_is_signalled_before_its_thread_ends_does_not_let_the_destroyer_go_on) {
+    HeldAtItsEnd held(HeldAtItsEnd::SignalItself);
+    std::atomic<bool> ending{false};
+    Recorder::Hook hook([&](const Event& event) {
+        if (event.text.find("Exiting") != std::string::npos)
+            ending = true;
+    });
+    Interpose lock(Call::MutexLock);
+    lock.OnThread(held.id).When([&](const CallRecord&) { return ending.load(); }).Before([&] {
+        held.Hold();
+    });
+    held.thread->ResumeThread();
+    ASSERT_TRUE(held.held.Wait());
+    EXPECT_EQ(WaitForSingleObject(held.thread->m_hThread, INFINITE), WAIT_OBJECT_0);
+    CallLog waits({Call::CondWait}, CallLog::AllThreads);
+    Background destroyer([&] { delete held.thread; });
+    EXPECT_TRUE(waits.WaitFor(Call::CondWait));
+    EXPECT_FALSE(destroyer.Ended());
+    held.proceed.Open();
+    EXPECT_TRUE(destroyer.Join());
+}
+
+TEST(ThreadLife, A_thread_whose_handle_was_closed_is_waited_for_all_the_same) {
+    HeldAtItsEnd held;
+    Recorder::Hook hook([&](const Event& event) {
+        if (event.text.find("Exiting") != std::string::npos)
+            held.Hold();
+    });
+    CloseHandle(held.thread->m_hThread);
+    held.thread->ResumeThread();
+    ASSERT_TRUE(held.held.Wait());
+    CallLog waits({Call::CondWait}, CallLog::AllThreads);
+    Background destroyer([&] { delete held.thread; });
+    EXPECT_TRUE(waits.WaitFor(Call::CondWait));
+    EXPECT_FALSE(destroyer.Ended());
+    held.proceed.Open();
+    EXPECT_TRUE(destroyer.Join());
+}
+
 // A command target with a callback that outlasts its object: it cannot be cancelled, and returns when the
 // object is gone.
 class Outlasting : public CCmdTarget {

@@ -11,6 +11,13 @@ template <typename T> void RelaxedStore(T& field, T value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
 
+// A flag that says that the other thread is done with something.
+template <typename T> T AcquireLoad(const T& field) { return __atomic_load_n(&field, __ATOMIC_ACQUIRE); }
+
+template <typename T> void ReleaseStore(T& field, T value) {
+    __atomic_store_n(&field, value, __ATOMIC_RELEASE);
+}
+
 } // namespace windows
 
 #endif
