@@ -133,7 +133,12 @@ void ThreadLife::Unlink() {
 }
 
 void ThreadLife::Drop() {
-    if (--m_owners == 0)
+    bool last = false;
+    {
+        const Guard guard(m_mutex);
+        last = --m_owners == 0;
+    }
+    if (last)
         delete this;
 }
 

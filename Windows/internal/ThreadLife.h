@@ -113,8 +113,7 @@ private:
     pthread_cond_t m_changed = PTHREAD_COND_INITIALIZER; // anything that a destroyer may wait for
     bool m_claimed = false;                              // the destroyer has found it outside, and cancels it
     bool m_released = false;                             // and has done so
-
-    std::atomic<int> m_owners{2}; // the object and the thread
+    int m_owners = 2;                                    // the object and the thread
 };
 
 // A stretch in which the calling thread uses its own object, and cannot be cancelled; nothing on a thread

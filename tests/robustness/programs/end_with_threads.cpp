@@ -44,6 +44,7 @@ unsigned int ReturnAtOnce(void*) { return 0; }
 
 unsigned int Exit(void*) {
     WaitUntilAllSleep();
+    CWinThread::MapIdToWinThread(0); // its lock orders what the threads did in the registry before its end
     exit(0);
 }
 
@@ -89,6 +90,7 @@ int main(int argc, char** argv) {
         WaitForSingleObject(g_threads[10]->m_hThread, INFINITE); // for ever, as it does not return
     }
     WaitUntilAllSleep();
+    CWinThread::MapIdToWinThread(0); // its lock orders what the threads did in the registry before its end
     if (strcmp(argv[1], "destroy") == 0) {
         g_static[0].reset(client);
         g_static[1].reset(server);
