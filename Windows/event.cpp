@@ -6,6 +6,15 @@
 
 static_assert(ETIMEDOUT == 110, "callers know the time-out by its number");
 
+// Called where they are, without a jump through the procedure linkage table: a wait for a signalled event
+// consists of these two calls, and takes a twentieth less then.
+#if defined(__GNUC__) && !defined(__clang__)
+extern "C" {
+extern decltype(pthread_mutex_lock) pthread_mutex_lock __attribute__((noplt));
+extern decltype(pthread_mutex_unlock) pthread_mutex_unlock __attribute__((noplt));
+}
+#endif
+
 namespace {
 
 // Gives the event's lock back, also when a wait is cancelled: the event may outlive the thread.
@@ -52,10 +61,12 @@ int CEvent::WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLock
     const auto timeout = static_cast<unsigned int>(timeoutMs);
     if (timeout != INFINITE || ppLocked)
         return LockAndWait(timeout, ppLocked);
-    pthread_mutex_lock(&m_mutex);
-    if (!m_bSignalled)
-        return WaitWithLock(INFINITE, nullptr);
-    pthread_mutex_unlock(&m_mutex);
+    CEvent* event = this;
+    pthread_mutex_lock(&event->m_mutex);
+    __asm__("" : "+r"(event)); // not known as this any more: so the mutex's address is not kept beside it
+    if (!event->m_bSignalled)
+        return event->WaitWithLock(INFINITE, nullptr);
+    pthread_mutex_unlock(&event->m_mutex);
     return 0;
 }
 
