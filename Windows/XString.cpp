@@ -15,6 +15,15 @@ int XString::m_iObjCount = 0;
 
 namespace {
 
+constexpr windows::Place kSetLength = {"Windows/XString", 239, "void XStringData::SetLength(unsigned int)"};
+
+char* NewBuffer(unsigned int size) {
+    auto* buffer = static_cast<char*>(malloc(size));
+    if (!buffer)
+        ThrowMemoryException();
+    return buffer;
+}
+
 // Gives the header a buffer of exactly the two texts, one behind the other.
 void Fill(XStringData& header, unsigned int length1, const char* text1, unsigned int length2,
           const char* text2) {
@@ -30,10 +39,21 @@ void Fill(XStringData& header, unsigned int length1, const char* text1, unsigned
     header.UnlockBuffer();
 }
 
-// The header of a new string of two texts.
-XStringData* Joined(unsigned int length1, const char* text1, unsigned int length2, const char* text2) {
+// The header of a new string of two texts. Inline, as one of them is nothing most of the time, and without
+// Fill, which has to look what the header holds.
+__attribute__((always_inline)) inline XStringData* Joined(unsigned int length1, const char* text1,
+                                                          unsigned int length2, const char* text2) {
     windows::NewHeader header;
-    Fill(*header, length1, text1, length2, text2);
+    const unsigned int total = length1 + length2;
+    if (total == 0)
+        return header.HandOver();
+    windows::Require(total < total + 1, "uiLength < m_uiBuffSize", kSetLength);
+    header->m_pszData = NewBuffer(total + 1);
+    header->m_uiBuffSize = total + 1;
+    header->m_uiLength = total;
+    windows::CopyText(header->m_pszData, text1, length1);
+    windows::CopyText(header->m_pszData + length1, text2, length2);
+    header->m_pszData[total] = '\0';
     return header.HandOver();
 }
 
@@ -79,10 +99,8 @@ bool XStringData::Allocate(unsigned int uiSize) {
     if (uiSize == 0)
         return false;
     if (m_pszData)
-        free(m_pszData);
-    m_pszData = static_cast<char*>(malloc(uiSize));
-    if (!m_pszData)
-        ThrowMemoryException();
+        free(std::exchange(m_pszData, nullptr));
+    m_pszData = NewBuffer(uiSize);
     m_uiBuffSize = uiSize;
     return true;
 }
@@ -101,8 +119,7 @@ bool XStringData::Reallocate(unsigned int uiSize, bool bRound) {
 }
 
 void XStringData::SetLength(unsigned int uiLength) {
-    windows::Require(uiLength < m_uiBuffSize, "uiLength < m_uiBuffSize",
-                     {"Windows/XString", 239, "void XStringData::SetLength(unsigned int)"});
+    windows::Require(uiLength < m_uiBuffSize, "uiLength < m_uiBuffSize", kSetLength);
     m_uiLength = uiLength;
     m_pszData[uiLength] = '\0';
 }
@@ -226,20 +243,22 @@ void ResizeInPlace(XStringData& header, unsigned int size) {
         header.SetLength(size - 1);
 }
 
-// A header with a buffer of exactly size bytes and as much of the old buffer as fits. Its length is the count
-// of bytes copied, not the old length: callers have seen it so.
-XStringData* ResizedCopy(const XStringData& old, unsigned int size) {
+// A header for the old one with a buffer of exactly size bytes and as much of the old buffer as fits. Its
+// length is the count of bytes copied, not the old length: callers have seen it so. Apart, as a string of one
+// user would save registers for it.
+__attribute__((noinline)) XStringData* Resized(XStringData* old, unsigned int size) {
     windows::NewHeader header;
-    header->m_iBlockSize = old.m_iBlockSize;
+    header->m_iBlockSize = old->m_iBlockSize;
     header->Allocate(size);
     char* text = header->LockBuffer();
-    const int room = std::min(static_cast<int>(size), static_cast<int>(old.m_uiBuffSize));
+    const int room = std::min(static_cast<int>(size), static_cast<int>(old->m_uiBuffSize));
     const unsigned int count = room > 1 ? static_cast<unsigned int>(room - 1) : 0;
-    windows::CopyText(text, old.m_pszData, count);
+    windows::CopyText(text, old->m_pszData, count);
     if (text)
         text[count] = '\0';
     header->m_uiLength = count;
     header->UnlockBuffer();
+    old->Release();
     return header.HandOver();
 }
 
@@ -249,7 +268,7 @@ void XString::Resize(unsigned int uiSize) {
     if (uiSize == m_pStrData->m_uiBuffSize)
         return;
     if (m_pStrData->IsShared())
-        std::exchange(m_pStrData, ResizedCopy(*m_pStrData, uiSize))->Release();
+        m_pStrData = Resized(m_pStrData, uiSize);
     else
         ResizeInPlace(*m_pStrData, uiSize);
 }

@@ -227,10 +227,13 @@ void FormatNothing(XString& string) {
     string.ReleaseBuffer(-1);
 }
 
+// Apart, as a string of one user would save registers for it.
+__attribute__((noinline)) void Detach(XString& string) { string.CopyBeforeWrite(); }
+
 // Gives the string a buffer of its own for a text of that estimate, and returns it locked.
 char* BufferFor(XString& string, int nMaxLen) {
     if (nMaxLen < static_cast<int>(string.m_pStrData->m_uiBuffSize))
-        string.CopyBeforeWrite();
+        Detach(string);
     else
         string.Resize(static_cast<unsigned int>(nMaxLen) + 1);
     return string.m_pStrData->LockBuffer();
