@@ -399,15 +399,19 @@ inline XString& XString::operator+=(char ch) {
     XStringData* data = m_pStrData;
     const unsigned int length = data->m_uiLength;
     const bool fits = length + 1 < data->m_uiBuffSize;
+    if (fits && !data->m_bLocked) {
+        char* text = data->m_pszData;
+        text[length] = ch;
+        text[length + 1] = '\0';
+        data->m_uiLength = length + 1;
+        return *this;
+    }
     if (!fits)
         data->Reallocate(length + 2, true);
     char* text = data->m_bLocked ? data->LockBuffer() : data->m_pszData; // locked: faults at the first write
     text[length] = ch;
     text[length + 1] = '\0';
-    if (fits || length + 1 < data->m_uiBuffSize)
-        data->m_uiLength = length + 1;
-    else
-        data->SetLength(length + 1); // aborts: a granule below 1. GCOVR_EXCL_LINE
+    data->SetLength(length + 1);
     return *this;
 }
 
