@@ -57,7 +57,9 @@ CEvent::~CEvent() {
 __attribute__((used)) int (CEvent::*const g_setEvent)() = &CEvent::SetEvent;
 __attribute__((used)) int (CEvent::*const g_resetEvent)() = &CEvent::ResetEvent;
 
-int CEvent::WaitForEventSignal(unsigned long timeoutMs, pthread_mutex_t** ppLocked) {
+// Aligned, so that what is run of it lies in as few lines of the cache as can be.
+__attribute__((aligned(32))) int CEvent::WaitForEventSignal(unsigned long timeoutMs,
+                                                            pthread_mutex_t** ppLocked) {
     const auto timeout = static_cast<unsigned int>(timeoutMs);
     if (timeout != INFINITE || ppLocked)
         return LockAndWait(timeout, ppLocked);

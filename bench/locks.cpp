@@ -69,10 +69,11 @@ struct Floor {
                 static_cast<Mutex*>(handle->object)->Unlock();
         }
     };
+    // With its fields in the order that programs know them in.
     struct Event {
+        bool set = false;
         pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
         pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-        bool set = false;
         FLOOR_CALL void Set() {
             pthread_mutex_lock(&mutex);
             if (!set) {

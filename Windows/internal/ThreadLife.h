@@ -14,6 +14,9 @@
 //   Inside   | uses the object                    | waits until it is outside
 //   Over     | is gone in a moment                | nothing to do
 //
+// One that has signalled its handle at its end is inside to the last, and is not waited for all the same: see
+// CWinThread::HasEnded.
+//
 // Stretches begin and end on the paths of every message, so they take no lock as long as nobody destroys the
 // object: the thread says where it is and then looks whether it is wanted, the destroyer says that it wants
 // it and then looks where it is. Whichever comes second sees the other.
@@ -123,7 +126,8 @@ private:
 // there. Only a thread that is ending already, and calls from a destructor on its stack, gets past them. The
 // object is then not to be used.
 //
-// Pause a stretch to begin another: within one, what is paused is not the cancellation of the outer.
+// A stretch is paused before another begins: while one that lies within another is paused, the thread still
+// could not be cancelled.
 class ObjectUse {
 public:
     ObjectUse()
