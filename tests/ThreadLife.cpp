@@ -309,6 +309,16 @@ struct HeldAtItsEnd {
         proceed.Wait();
     }
 
+    // Destroys the object, which takes until the thread is let go.
+    void ExpectToBeWaitedFor() {
+        CallLog waits({Call::CondWait}, CallLog::AllThreads);
+        Background destroyer([&] { delete thread; });
+        EXPECT_TRUE(waits.WaitFor(Call::CondWait));
+        EXPECT_FALSE(destroyer.Ended());
+        proceed.Open();
+        EXPECT_TRUE(destroyer.Join());
+    }
+
     CWinThread* const thread;
     const pthread_t id;
     Gate held, proceed;
@@ -343,12 +353,7 @@ TEST(ThreadLife, A_handle_that_is_signalled_before_its_thread_ends_does_not_let_
     held.thread->ResumeThread();
     ASSERT_TRUE(held.held.Wait());
     EXPECT_EQ(WaitForSingleObject(held.thread->m_hThread, INFINITE), WAIT_OBJECT_0);
-    CallLog waits({Call::CondWait}, CallLog::AllThreads);
-    Background destroyer([&] { delete held.thread; });
-    EXPECT_TRUE(waits.WaitFor(Call::CondWait));
-    EXPECT_FALSE(destroyer.Ended());
-    held.proceed.Open();
-    EXPECT_TRUE(destroyer.Join());
+    held.ExpectToBeWaitedFor();
 }
 
 TEST(ThreadLife, A_thread_whose_handle_was_closed_is_waited_for_all_the_same) {
@@ -360,12 +365,7 @@ TEST(ThreadLife, A_thread_whose_handle_was_closed_is_waited_for_all_the_same) {
     CloseHandle(held.thread->m_hThread);
     held.thread->ResumeThread();
     ASSERT_TRUE(held.held.Wait());
-    CallLog waits({Call::CondWait}, CallLog::AllThreads);
-    Background destroyer([&] { delete held.thread; });
-    EXPECT_TRUE(waits.WaitFor(Call::CondWait));
-    EXPECT_FALSE(destroyer.Ended());
-    held.proceed.Open();
-    EXPECT_TRUE(destroyer.Join());
+    held.ExpectToBeWaitedFor();
 }
 
 // A command target with a callback that outlasts its object: it cannot be cancelled, and returns when the
