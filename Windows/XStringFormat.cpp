@@ -182,8 +182,15 @@ __attribute__((noinline)) long long ConversionLength(const char*& position, Argu
     return conversion.prefix + ItemLength(conversion, args);
 }
 
-long long EstimateLength(const char* position, Arguments& args) {
-    long long length = 0;
+// What is known of a text before it is formatted.
+struct Estimate {
+    int nMaxLen;     // an upper bound of its length in bytes, NUL included
+    bool mayHoldNul; // as %c makes them; the text ends there for its length
+};
+
+Estimate EstimateText(const char* position, Arguments& args) {
+    long long length = 1;
+    bool mayHoldNul = false;
     while (*position != '\0') {
         if (*position++ != '%') {
             ++length;
@@ -207,11 +214,12 @@ long long EstimateLength(const char* position, Arguments& args) {
             const char* rest = position; // only a copy has an address, and so lies in memory
             length += ConversionLength(rest, args);
             position = rest;
+            mayHoldNul = true;
             break;
         }
         }
     }
-    return length;
+    return {static_cast<int>(std::min<long long>(length, INT_MAX)), mayHoldNul};
 }
 
 bool IsNothing(const char* pszFormat) { return !pszFormat || *pszFormat == '\0'; }
@@ -239,14 +247,21 @@ char* BufferFor(XString& string, int nMaxLen) {
     return string.m_pStrData->LockBuffer();
 }
 
+// Ends the write. What vsnprintf returned is the length of the text that it wrote, unless it failed or the
+// text was cut or has a NUL within.
+void Finish(XString& string, const Estimate& estimate, int result) {
+    const bool isLength = result >= 0 && result < estimate.nMaxLen && !estimate.mayHoldNul;
+    string.ReleaseBuffer(isLength ? result : -1);
+}
+
 } // namespace
 
 int CalcMaxFormattedStringLen(const char* pszFormat, va_list args) {
     Arguments own;
     va_copy(own.list, args);
-    const long long length = EstimateLength(pszFormat, own) + 1;
+    const int nMaxLen = EstimateText(pszFormat, own).nMaxLen;
     va_end(own.list);
-    return static_cast<int>(std::min<long long>(length, INT_MAX));
+    return nMaxLen;
 }
 
 // Not through FormatV: a string that runs out of memory throws, and no argument list may be open then.
@@ -255,15 +270,15 @@ void XString::Format(const char* pszFormat, ...) {
         FormatNothing(*this);
         return;
     }
-    va_list args;
-    va_start(args, pszFormat);
-    const int nMaxLen = CalcMaxFormattedStringLen(pszFormat, args);
-    va_end(args);
-    char* text = BufferFor(*this, nMaxLen);
-    va_start(args, pszFormat);
-    vsnprintf(text, static_cast<size_t>(nMaxLen), pszFormat, args);
-    va_end(args);
-    ReleaseBuffer(-1);
+    Arguments args;
+    va_start(args.list, pszFormat);
+    const Estimate estimate = EstimateText(pszFormat, args);
+    va_end(args.list);
+    char* text = BufferFor(*this, estimate.nMaxLen);
+    va_start(args.list, pszFormat);
+    const int length = vsnprintf(text, static_cast<size_t>(estimate.nMaxLen), pszFormat, args.list);
+    va_end(args.list);
+    Finish(*this, estimate, length);
 }
 
 void XString::FormatV(const char* pszFormat, va_list args) {
@@ -271,10 +286,12 @@ void XString::FormatV(const char* pszFormat, va_list args) {
         FormatNothing(*this);
         return;
     }
-    const int nMaxLen = CalcMaxFormattedStringLen(pszFormat, args);
-    char* text = BufferFor(*this, nMaxLen);
+    Arguments own;
+    va_copy(own.list, args);
+    const Estimate estimate = EstimateText(pszFormat, own);
+    va_end(own.list);
+    char* text = BufferFor(*this, estimate.nMaxLen);
     // The size is the estimate, not the buffer's: a text that outgrows its estimate is cut also where there
     // is room.
-    vsnprintf(text, static_cast<size_t>(nMaxLen), pszFormat, args);
-    ReleaseBuffer(-1);
+    Finish(*this, estimate, vsnprintf(text, static_cast<size_t>(estimate.nMaxLen), pszFormat, args));
 }

@@ -479,6 +479,23 @@ TEST(XStringFormat, Format_ends_the_length_at_a_NUL) {
     XString s;
     s.Format("a%cb", 0);
     EXPECT_EQ(s.GetLength(), 1);
+    s.Format("%s=%d%c%s", "a", 7, 0, "b");
+    EXPECT_EQ(s.GetLength(), 3);
+    FormatAny(s, "%s=%d%c%s", "a", 7, 0, "b");
+    EXPECT_EQ(s.GetLength(), 3);
+}
+
+TEST(XStringFormat, Format_counts_what_it_finds_when_vsnprintf_does_not_tell_the_length) {
+    for (long result : {-1L, 33L, 1000L}) { // failed, cut, cut by more
+        SCOPED_TRACE(result);
+        Interpose vsnprintf(Call::Vsnprintf);
+        vsnprintf.OnThisThread().Always().Return(result);
+        XString s = WithBuffer("abc", 100);
+        s.Format("%d", 7);
+        EXPECT_EQ(State(s), "'abc' length 3 size 100 refs 1 block -1");
+        FormatAny(s, "%d", 7);
+        EXPECT_EQ(State(s), "'abc' length 3 size 100 refs 1 block -1");
+    }
 }
 
 TEST(XStringFormat, Format_of_a_locked_buffer_faults) {
