@@ -9,6 +9,10 @@
 #include <Windows/internal/Relaxed.h>
 #include <Windows/internal/StringHeader.h>
 
+// For programs that do not have them inline.
+__attribute__((used)) bool (XStringData::*const g_reallocate)(unsigned int, bool) = &XStringData::Reallocate;
+__attribute__((used)) XString& (XString::*const g_appendCharacter)(char) = &XString::operator+=;
+
 int XStringData::m_iObjCount = 0;
 int XString::m_iDefaultBlockSize = 16;
 int XString::m_iObjCount = 0;
@@ -105,19 +109,6 @@ bool XStringData::Allocate(unsigned int uiSize) {
     return true;
 }
 
-bool XStringData::Reallocate(unsigned int uiSize, bool bRound) {
-    if (bRound) {
-        const int granule = m_iBlockSize == -1 ? XString::m_iDefaultBlockSize : m_iBlockSize;
-        // The division is signed, and the result lies strictly above uiSize: 16 becomes 32.
-        const auto blocks = static_cast<unsigned int>(static_cast<int>(uiSize) / granule);
-        uiSize = static_cast<unsigned int>(granule) + blocks * static_cast<unsigned int>(granule);
-    }
-    // Not checked: without memory the text is NULL, and the writer that needed it faults.
-    m_pszData = static_cast<char*>(realloc(m_pszData, uiSize));
-    m_uiBuffSize = uiSize;
-    return true;
-}
-
 void XStringData::SetLength(unsigned int uiLength) {
     windows::Require(uiLength < m_uiBuffSize, "uiLength < m_uiBuffSize", kSetLength);
     m_uiLength = uiLength;
@@ -192,9 +183,6 @@ XString& XString::operator=(const char* psz) {
 }
 
 // --- Concatenation -------------------------------------------------------------------------------------
-
-// For programs that do not have it inline.
-__attribute__((used)) XString& (XString::*const g_appendCharacter)(char) = &XString::operator+=;
 
 XString& XString::operator+=(const char* psz) {
     if (!psz)

@@ -58,7 +58,7 @@ public:
     // Resizes the buffer and keeps its contents: to uiSize bytes, or with bRound to the next multiple of the
     // granule above uiSize. Always returns true. When memory runs out the text pointer is NULL and the next
     // write faults: callers have never had to look at the result.
-    bool Reallocate(unsigned int uiSize, bool bRound);
+    WINDOWS_INLINE_EXPORT bool Reallocate(unsigned int uiSize, bool bRound);
 
     // Sets the length and ends the text there. Aborts unless uiLength is below m_uiBuffSize.
     void SetLength(unsigned int uiLength);
@@ -349,6 +349,19 @@ inline XStringData::XStringData()
     __atomic_store_n(&m_iObjCount, __atomic_load_n(&m_iObjCount, __ATOMIC_RELAXED) + 1, __ATOMIC_RELAXED);
 }
 
+inline bool XStringData::Reallocate(unsigned int uiSize, bool bRound) {
+    if (bRound) {
+        const int granule = m_iBlockSize == -1 ? XString::m_iDefaultBlockSize : m_iBlockSize;
+        // The division is signed, and the result lies strictly above uiSize: 16 becomes 32.
+        const auto blocks = static_cast<unsigned int>(static_cast<int>(uiSize) / granule);
+        uiSize = static_cast<unsigned int>(granule) + blocks * static_cast<unsigned int>(granule);
+    }
+    // Not checked: without memory the text is NULL, and the writer that needed it faults.
+    m_pszData = static_cast<char*>(realloc(m_pszData, uiSize));
+    m_uiBuffSize = uiSize;
+    return true;
+}
+
 inline char* XStringData::LockBuffer() {
     if (m_bLocked) {
         char* nothing = nullptr;
@@ -398,17 +411,17 @@ inline XString& XString::operator+=(char ch) {
     // No detach: every string that shares the header sees the character.
     XStringData* data = m_pStrData;
     const unsigned int length = data->m_uiLength;
-    const bool fits = length + 1 < data->m_uiBuffSize;
-    if (fits && !data->m_bLocked) {
-        char* text = data->m_pszData;
-        text[length] = ch;
-        text[length + 1] = '\0';
+    if (length + 1 >= data->m_uiBuffSize)
+        data->Reallocate(length + 2, true);
+    if (!data->m_bLocked && length + 1 < data->m_uiBuffSize) {
+        char* end = data->m_pszData + length;
+        end[0] = ch;
+        end[1] = '\0';
         data->m_uiLength = length + 1;
         return *this;
     }
-    if (!fits)
-        data->Reallocate(length + 2, true);
-    char* text = data->m_bLocked ? data->LockBuffer() : data->m_pszData; // locked: faults at the first write
+    // A locked buffer, which faults at the first write, or a size that has wrapped round.
+    char* text = data->m_bLocked ? data->LockBuffer() : data->m_pszData;
     text[length] = ch;
     text[length + 1] = '\0';
     data->SetLength(length + 1);

@@ -1321,7 +1321,7 @@ const Site SITES[] = {
     {"Windows/Trace.cpp", "TRACE", "vsnprintf", nullptr},
     {"Windows/Trace.cpp", "TRACE", "printf", nullptr},
     {"Windows/XString.cpp", "NewBuffer", "malloc", nullptr},
-    {"Windows/XString.cpp", "XStringData::Reallocate", "realloc", NOT_CHECKED},
+    {"Windows/XString.h", "XStringData::Reallocate", "realloc", NOT_CHECKED},
     {"Windows/XString.cpp", "XString::Dump", "putchar", nullptr},
     {"Windows/XString.cpp", "XString::Dump", "printf", nullptr},
     {"Windows/XString.h", "XStringData::CopyBeforeWrite", "malloc", nullptr},
