@@ -8,6 +8,14 @@
 #include <Windows/internal/Cancellation.h>
 #include <Windows/internal/MutexScope.h>
 
+void windows::PostLockFailed() {
+    CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to lock mutex", nullptr);
+}
+
+void windows::PostUnlockFailed() {
+    CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to unlock mutex", nullptr);
+}
+
 static_assert(sizeof(CMutex) == sizeof(pthread_mutex_t), "a CMutex is its pthread_mutex_t");
 
 namespace {

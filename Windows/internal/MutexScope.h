@@ -28,13 +28,17 @@ template <class Take> WINDOWS_ALWAYS_INLINE int TakeAndReport(unsigned int timeo
     return locked ? 1 : 0;
 }
 
+// Apart, as few ever fail.
+void PostLockFailed();
+void PostUnlockFailed();
+
 // CMutex::Lock(INFINITE) and CMutex::Unlock, for a thread that cannot be cancelled.
 
 WINDOWS_ALWAYS_INLINE int LockForEver(pthread_mutex_t* mutex) {
     return TakeAndReport(INFINITE, [=] {
         if (pthread_mutex_lock(mutex) == 0)
             return true;
-        CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to lock mutex", nullptr);
+        PostLockFailed();
         return false;
     });
 }
@@ -44,7 +48,7 @@ WINDOWS_ALWAYS_INLINE int UnlockAndReport(pthread_mutex_t* mutex) {
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityMutexEntry, "CMutex::UnLock Being Called on thread %lx",
                            tid);
     if (pthread_mutex_unlock(mutex) != 0) {
-        CLogger::PostLogEvent(LogTypeMutex, LogSeverityFailure, "FAILED to unlock mutex", nullptr);
+        PostUnlockFailed();
         return 0;
     }
     CLogger::PostLogEventF(LogTypeMutex, LogSeverityTrace, "CMutex::Unlock succeeeded on thread %lx", tid);

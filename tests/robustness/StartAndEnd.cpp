@@ -146,6 +146,10 @@ TEST(StartAndEnd, All_can_be_used_before_main_and_after_it_in_every_place_where_
                                                           "used by a destructor function: 10\n");
 }
 
+TEST(StartAndEnd, It_is_loaded_by_a_host_without_the_services_that_are_never_used) {
+    EXPECT_EQ(ResultOf(Program("load_into_small_host") + Words{LibraryFile()}), "used\n");
+}
+
 TEST(StartAndEnd, It_is_loaded_used_and_unloaded_many_times_and_leaves_no_mapping_descriptor_or_thread) {
     EXPECT_EQ(ResultOf(Program("load_and_unload") + Words{std::to_string(HowMany(20, 1000)), LibraryFile()}),
               "nothing is left\n");
