@@ -12,6 +12,8 @@
 // For programs that do not have them inline.
 __attribute__((used)) bool (XStringData::*const g_reallocate)(unsigned int, bool) = &XStringData::Reallocate;
 __attribute__((used)) XString& (XString::*const g_appendCharacter)(char) = &XString::operator+=;
+__attribute__((used)) int (XString::*const g_findCharacter)(char, int) const = &XString::Find;
+__attribute__((used)) int (XString::*const g_findText)(const char*, int) const = &XString::Find;
 
 int XStringData::m_iObjCount = 0;
 int XString::m_iDefaultBlockSize = 16;

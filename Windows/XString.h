@@ -203,8 +203,8 @@ public:
     // GetLength() first. Searches end at the text's first NUL. nStart is not checked against the length.
 
     // Looking for NUL finds the text's end.
-    int Find(char ch, int nStart = 0) const;
-    int Find(const char* psz, int nStart = 0) const;
+    WINDOWS_INLINE_EXPORT int Find(char ch, int nStart = 0) const;
+    WINDOWS_INLINE_EXPORT int Find(const char* psz, int nStart = 0) const;
 
     // The last occurrence.
     int ReverseFind(char ch);
@@ -324,6 +324,11 @@ public:
 private:
     static const char* TextOf(const char* psz) { return psz ? psz : ""; }
 
+    // Of what was found in the text, or not.
+    static int IndexIn(const char* text, const char* found) {
+        return found ? static_cast<int>(found - text) : -1;
+    }
+
     static XString Concatenation(int nLen1, const char* p1, int nLen2, const char* p2) {
         XString sum;
         sum.ConcatCopy(nLen1, p1, nLen2, p2);
@@ -426,6 +431,16 @@ inline XString& XString::operator+=(char ch) {
     text[length + 1] = '\0';
     data->SetLength(length + 1);
     return *this;
+}
+
+inline int XString::Find(char ch, int nStart) const {
+    const char* text = m_pStrData->m_pszData;
+    return IndexIn(text, strchr(text + nStart, ch));
+}
+
+inline int XString::Find(const char* psz, int nStart) const {
+    const char* text = m_pStrData->m_pszData;
+    return IndexIn(text, strstr(text + nStart, psz));
 }
 
 inline void XString::CopyBeforeWrite() {

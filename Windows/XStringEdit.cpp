@@ -15,8 +15,6 @@
 
 namespace {
 
-int IndexIn(const char* text, const char* found) { return found ? static_cast<int>(found - text) : -1; }
-
 bool IsNothing(const char* psz) { return !psz || *psz == '\0'; }
 
 bool Contains(const char* pszSet, char ch) { return strchr(pszSet, ch) != nullptr; }
@@ -24,16 +22,6 @@ bool Contains(const char* pszSet, char ch) { return strchr(pszSet, ch) != nullpt
 } // namespace
 
 // --- Searching -----------------------------------------------------------------------------------------
-
-int XString::Find(char ch, int nStart) const {
-    const char* text = m_pStrData->m_pszData;
-    return IndexIn(text, strchr(text + nStart, ch));
-}
-
-int XString::Find(const char* psz, int nStart) const {
-    const char* text = m_pStrData->m_pszData;
-    return IndexIn(text, strstr(text + nStart, psz));
-}
 
 int XString::ReverseFind(char ch) {
     const char* text = m_pStrData->m_pszData;
