@@ -247,11 +247,10 @@ char* BufferFor(XString& string, int nMaxLen) {
     return string.m_pStrData->LockBuffer();
 }
 
-// Ends the write. What vsnprintf returned is the length of the text that it wrote, unless it failed or the
-// text was cut or has a NUL within.
+// Ends the write. What vsnprintf returned is the length of the text that it wrote, unless that was cut or may
+// have a NUL within; then, as after -1, the text is counted.
 void Finish(XString& string, const Estimate& estimate, int result) {
-    const bool isLength = result >= 0 && result < estimate.nMaxLen && !estimate.mayHoldNul;
-    string.ReleaseBuffer(isLength ? result : -1);
+    string.ReleaseBuffer(result < estimate.nMaxLen && !estimate.mayHoldNul ? result : -1);
 }
 
 } // namespace
