@@ -821,6 +821,12 @@ TEST(XString, Append_of_a_character_uses_room_that_is_there) {
     EXPECT_EQ(State(s), "'abcde' length 5 size 16 refs 1 block -1");
 }
 
+TEST(XString, Append_of_a_character_makes_room_for_another_beyond_the_NUL) {
+    XString s("abcdefghijklmn"); // one more and a NUL are 16, and the granule above is taken
+    s += 'o';
+    EXPECT_EQ(State(s), "'abcdefghijklmno' length 15 size 32 refs 1 block -1");
+}
+
 TEST(XString, Append_of_a_character_goes_by_the_header_s_own_granule) {
     XString s("abc");
     s.m_pStrData->m_iBlockSize = 3;
