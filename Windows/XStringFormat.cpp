@@ -222,6 +222,15 @@ Estimate EstimateText(const char* position, Arguments& args) {
     return {static_cast<int>(std::min<long long>(length, INT_MAX)), mayHoldNul};
 }
 
+// The same for a list that is needed again.
+Estimate EstimateText(const char* pszFormat, va_list args) {
+    Arguments own;
+    va_copy(own.list, args);
+    const Estimate estimate = EstimateText(pszFormat, own);
+    va_end(own.list);
+    return estimate;
+}
+
 bool IsNothing(const char* pszFormat) { return !pszFormat || *pszFormat == '\0'; }
 
 // The string is empty afterwards but has a buffer.
@@ -256,14 +265,11 @@ void Finish(XString& string, const Estimate& estimate, int result) {
 } // namespace
 
 int CalcMaxFormattedStringLen(const char* pszFormat, va_list args) {
-    Arguments own;
-    va_copy(own.list, args);
-    const int nMaxLen = EstimateText(pszFormat, own).nMaxLen;
-    va_end(own.list);
-    return nMaxLen;
+    return EstimateText(pszFormat, args).nMaxLen;
 }
 
-// Not through FormatV: a string that runs out of memory throws, and no argument list may be open then.
+// Not through FormatV: a string that runs out of memory throws, and no argument list may be open then. The
+// list is started twice, as to copy one that has just been started waits for it to be written.
 void XString::Format(const char* pszFormat, ...) {
     if (IsNothing(pszFormat)) {
         FormatNothing(*this);
@@ -285,10 +291,7 @@ void XString::FormatV(const char* pszFormat, va_list args) {
         FormatNothing(*this);
         return;
     }
-    Arguments own;
-    va_copy(own.list, args);
-    const Estimate estimate = EstimateText(pszFormat, own);
-    va_end(own.list);
+    const Estimate estimate = EstimateText(pszFormat, args);
     char* text = BufferFor(*this, estimate.nMaxLen);
     // The size is the estimate, not the buffer's: a text that outgrows its estimate is cut also where there
     // is room.
